@@ -1,0 +1,33 @@
+# Entry points; CMake does the building.
+BUILD ?= build
+JOBS ?= $(shell nproc)
+CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSR_WERROR=ON
+DEMO_DIR ?= demo-out
+
+.PHONY: all deps configure build test demo bench format clean
+
+all: build
+
+deps:
+	@scripts/install-deps.sh
+
+configure: deps
+	@cmake -S . -B $(BUILD) $(CMAKE_FLAGS) >/dev/null
+
+build: configure
+	@env -u MAKEFLAGS -u MFLAGS cmake --build $(BUILD) -j $(JOBS)
+
+test: build
+	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+
+demo: build
+	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
+
+bench: build
+	@$(BUILD)/bench/sr-chorus-bench
+
+format:
+	@git ls-files '*.cpp' '*.h' | xargs clang-format -i
+
+clean:
+	@rm -rf $(BUILD) $(DEMO_DIR)

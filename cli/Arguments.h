@@ -1,0 +1,32 @@
+// The renderer's command line.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "kernel/ParameterTable.h"
+
+namespace sr::cli {
+
+struct ParameterSetting {
+    const ParameterInfo* parameter;
+    float value; // checked against the parameter's range
+};
+
+struct Options {
+    std::string input;
+    std::string output;
+    std::string demoDirectory; // set by --demo
+    std::vector<ParameterSetting> settings;
+    std::uint32_t blockFrames = 512;
+    bool list = false;
+    bool help = false;
+};
+
+// Throws UsageError, with the one line to show, for anything it cannot accept.
+Options parseArguments(int argc, const char* const* argv);
+
+std::string usageText();
+
+} // namespace sr::cli

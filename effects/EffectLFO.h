@@ -1,0 +1,47 @@
+// The slow stereo oscillator of the modulation effects, advanced once per processed block.
+// Outputs are in 0..1 (the triangle's corner values can leave that range).
+#pragma once
+
+#include "effects/Effect.h"
+
+class EffectLFO : public InertParameterBase {
+public:
+    explicit EffectLFO(EffectGlobals& globals);
+
+    // Recomputes rate, randomness, shape and the right channel's phase from the parameters.
+    void UpdateParameters();
+    // The raw waveform at phase x (0..1).
+    float getLFOShape(float x) const;
+    // Advances both phases by one block and writes the value each channel reaches.
+    void process(float* left, float* right);
+    // The values at the current phases, without advancing.
+    void current(float* left, float* right) const;
+
+    // Rate in Hz of the current parameters.
+    float getFrequency() const { return frequency; }
+
+    // Written by the owning effect, followed by UpdateParameters().
+    unsigned char freqParam = 40;
+    unsigned char randomnessParam = 0;
+    unsigned char shapeParam = 0;   // 0 sine, 1 triangle
+    unsigned char stereoParam = 96; // right-channel phase offset, 64 = none
+
+    // Phases in cycles (0..1) and the last block's increment, at most 0.5. Kept in double: at
+    // one-frame blocks a float phase would lose a good part of each tiny step to rounding.
+    double phaseLeft = 0.0;
+    double phaseRight = 0.0;
+    double phaseStep = 0.0;
+    float ampLeftStart = 1.0f, ampLeftEnd = 1.0f;
+    float ampRightStart = 1.0f, ampRightEnd = 1.0f;
+    float randomness = 0.0f;
+    unsigned char shape = 0;
+
+private:
+    double stepForBlock(int frames) const;
+    float newAmplitude();
+    float advance(double& phase, float& ampStart, float& ampEnd, double step);
+    float valueAt(double phase, float ampStart, float ampEnd) const;
+
+    EffectGlobals& globals;
+    float frequency = 0.0f;
+};

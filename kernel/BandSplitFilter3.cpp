@@ -1,0 +1,160 @@
+#include "kernel/BandSplitFilter3.h"
+
+#include <algorithm>
+
+// --- SVFilter4Pole1 ---
+
+SVFilter4Pole1::SVFilter4Pole1() {
+    init();
+}
+
+void SVFilter4Pole1::setCutoff(float value) {
+    cutoff = value;
+    processParameters();
+}
+
+void SVFilter4Pole1::init() {
+    stage = {};
+    gain = f = q = 0.0f;
+    reset();
+}
+
+void SVFilter4Pole1::reset() {
+    cachedFrequency = cachedResonance = 0.0f;
+    gain = f = q = 0.0f;
+    cleared = 0.0f;
+    stage = {};
+    cutoff = 0.5f;
+    resonance = 0.0f;
+    processParameters();
+}
+
+void SVFilter4Pole1::processParameters() {
+    const float v = Modulator::getValueFrequencyScaled(cutoff);
+    const float r = std::clamp(resonance, 0.0f, 1.0f);
+    float freq = v;
+    if (double(freq) < 0.0012) freq = 0.0012f;
+    if (freq > 1.0f) freq = 1.0f;
+    if (freq == cachedFrequency && r == cachedResonance) return;
+    cachedFrequency = freq;
+    cachedResonance = r;
+    const float r2 = 0.05f + r * r;
+    gain = 0.7f + (1.0f - r2);
+    f = freq;
+    q = 1.0f / (25.0f * ((1.0f + (1.0f - freq)) * r2));
+}
+
+template <bool HighPass>
+void SVFilter4Pole1::processBuffer(const float* in, float* out, float* rest, int frames) {
+    // Every stage sees the same input: the stages run side by side, not chained.
+    const int active = stages > 3.0f ? 4 : stages > 2.0f ? 3 : stages > 1.0f ? 2 : 1;
+    auto s = stage;
+    const float ff = f, qq = q, g = gain;
+    for (int i = 0; i < frames; ++i) {
+        const float x = in[i];
+        const float h = 0.5f * x;
+        float hp = 0.0f;
+        for (int k = 0; k < active; ++k) {
+            const float low = s[size_t(k)].low + ff * s[size_t(k)].band;
+            hp = h - low - qq * s[size_t(k)].band;
+            s[size_t(k)].band += ff * hp;
+            s[size_t(k)].low = low;
+        }
+        const float y = (HighPass ? hp : s[size_t(active - 1)].low) * g;
+        out[i] = y;
+        if (rest) rest[i] = x - y;
+    }
+    stage = s;
+}
+
+void SVFilter4Pole1::processSampleHP(float* x) {
+    processBuffer<true>(x, x, nullptr, 1);
+}
+void SVFilter4Pole1::processSampleLP(float* x) {
+    processBuffer<false>(x, x, nullptr, 1);
+}
+
+void SVFilter4Pole1::processSampleHP(float* in, float* out, float* rest) {
+    processBuffer<true>(in, out, rest, 1);
+}
+
+void SVFilter4Pole1::processSampleLP(float* in, float* out, float* rest) {
+    processBuffer<false>(in, out, rest, 1);
+}
+
+void SVFilter4Pole1::processBufferHP(const float* in, float* out, float* rest, int frames) {
+    processBuffer<true>(in, out, rest, frames);
+}
+
+void SVFilter4Pole1::processBufferLP(const float* in, float* out, float* rest, int frames) {
+    processBuffer<false>(in, out, rest, frames);
+}
+
+// --- BandSplitFilter3 ---
+
+BandSplitFilter3::BandSplitFilter3() {
+    setSamplerate(48000.0f);
+    reset();
+    setCutoff1(0.333f);
+    setCutoff2(0.666f);
+}
+
+void BandSplitFilter3::setCutoff1(float v) {
+    if (!(v >= 0.0f && v <= 1.0f)) return;
+    cutoff1 = v;
+    if (cutoff1 > cutoff2) cutoff1 = cutoff2;
+    lpLeft.setCutoff(cutoff1);
+    lpRight.setCutoff(cutoff1);
+}
+
+void BandSplitFilter3::setCutoff2(float v) {
+    if (!(v >= 0.0f && v <= 1.0f)) return;
+    cutoff2 = v;
+    if (cutoff1 > cutoff2) cutoff2 = cutoff1;
+    hpLeft.setCutoff(cutoff2);
+    hpRight.setCutoff(cutoff2);
+}
+
+void BandSplitFilter3::setSamplerate(float v) {
+    sampleRate = v;
+    hpLeft.setSamplerate(v);
+    hpRight.setSamplerate(v);
+    lpLeft.setSamplerate(v);
+    lpRight.setSamplerate(v);
+}
+
+void BandSplitFilter3::init() {
+    clear();
+    hpLeft.reset();
+    hpRight.reset();
+    lpLeft.reset();
+    lpRight.reset();
+}
+
+// The split points are deliberately not re-applied: the filters run at their reset cutoff
+// until the next change of either point.
+void BandSplitFilter3::reset() {
+    init();
+}
+
+void BandSplitFilter3::clear() {
+    for (Band* b : {&lowLeft, &lowRight, &highLeft, &highRight, &midLeft, &midRight}) b->fill(0.0f);
+}
+
+void BandSplitFilter3::split(const float* left, const float* right, int frames) {
+    const int n = std::clamp(frames, 0, kMaxFrames);
+    hpLeft.processBufferHP(left, highLeft.data(), midLeft.data(), n);
+    hpRight.processBufferHP(right, highRight.data(), midRight.data(), n);
+    lpLeft.processBufferLP(midLeft.data(), lowLeft.data(), midLeft.data(), n);
+    lpRight.processBufferLP(midRight.data(), lowRight.data(), midRight.data(), n);
+}
+
+void BandSplitFilter3::mix(float* outLeft, float* outRight, int frames) {
+    const int n = std::clamp(frames, 0, kMaxFrames);
+    for (int i = 0; i < n; ++i)
+        outLeft[i] = lowLeft[size_t(i)] * gainLow + midLeft[size_t(i)] * gainMid +
+                     highLeft[size_t(i)] * gainHigh;
+    for (int i = 0; i < n; ++i)
+        outRight[i] = lowRight[size_t(i)] * gainLow + midRight[size_t(i)] * gainMid +
+                      highRight[size_t(i)] * gainHigh;
+}

@@ -1,0 +1,163 @@
+#include "kernel/TAV_SR_Chorus_ExtensionDSPKernelAdapter.h"
+
+#include <cmath>
+#include <memory>
+
+TAV_SR_Chorus_ExtensionDSPKernelAdapter::TAV_SR_Chorus_ExtensionDSPKernelAdapter() {
+    const AVAudioFormat format = AVAudioFormat::standardFormatWithSampleRate(48000.0, 2);
+    kernel.init(int(format.channelCount()), format.sampleRate());
+    inputBus_.init(format, 2);
+    outputBus_ = std::make_unique<AUAudioUnitBus>(format);
+    outputBus_->setMaximumChannelCount(2);
+    kernel.setMaximumFramesToRender(kDefaultMaximumFramesToRender);
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setKernelParameter(AUParameterAddress address,
+                                                                 AUValue value) {
+    if (renderResourcesAllocated())
+        pendingChanges.post(address, value);
+    else
+        kernel.setParameter(address, value); // no render thread yet: this thread owns the kernel
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setParameter(AUParameter* parameter, AUValue value) {
+    if (parameter) setKernelParameter(parameter->address(), value);
+}
+
+AUValue TAV_SR_Chorus_ExtensionDSPKernelAdapter::valueForParameter(AUParameter* parameter) const {
+    return parameter ? getParameterEx(std::int32_t(parameter->address())) : 0.0f;
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setParameterEx(std::int32_t address, AUValue value) {
+    // Sign-extended: a negative address becomes a huge one, which the kernel ignores.
+    setKernelParameter(AUParameterAddress(std::int64_t(address)), value);
+}
+
+AUValue TAV_SR_Chorus_ExtensionDSPKernelAdapter::getParameterEx(std::int32_t address) const {
+    const auto a = AUParameterAddress(std::int64_t(address));
+    float pending;
+    if (pendingChanges.pendingValue(a, pending)) {
+        // Not applied yet: report it as the kernel will store it.
+        const sr::ParameterInfo* info = sr::parameterInfo(a);
+        return info && std::isfinite(pending) ? sr::clampToRange(*info, pending)
+                                              : kernel.getParameter(a);
+    }
+    return kernel.getParameter(a);
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setMaximumFramesToRender(AUAudioFrameCount frames) {
+    // Fixed while rendering: the input storage was sized for it.
+    if (!renderResourcesAllocated() && frames > 0) kernel.setMaximumFramesToRender(frames);
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::allocateRenderResources() {
+    inputBus_.allocateRenderResources(kernel.getMaximumFramesToRender());
+    kernel.init(int(outputBus_->format().channelCount()), outputBus_->format().sampleRate());
+    kernel.reset();
+    allocated.store(true, std::memory_order_release);
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::deallocateRenderResources() {
+    allocated.store(false, std::memory_order_release);
+    // Rendering has stopped: what was still queued is applied here.
+    applyPendingChanges();
+    inputBus_.deallocateRenderResources();
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::reset() {
+    if (renderResourcesAllocated())
+        resetRequested.store(true, std::memory_order_release);
+    else
+        kernel.reset();
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setSamplerate(float sampleRate) {
+    // Only between renders: the band splitter's state is the render thread's.
+    if (!renderResourcesAllocated()) kernel.setSamplerate(sampleRate);
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUMIDIOutputEventBlock(AUMIDIOutputEventBlock b) {
+    midiOutputEventBlock = std::move(b);
+}
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUHostMusicalContextBlock(
+    AUHostMusicalContextBlock b) {
+    musicalContextBlock = std::move(b);
+}
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUScheduleMIDIEventBlock(
+    AUScheduleMIDIEventBlock b) {
+    scheduleMIDIEventBlock = std::move(b);
+}
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUHostTransportStateBlock(
+    AUHostTransportStateBlock b) {
+    transportStateBlock = std::move(b);
+}
+
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyPendingChanges() {
+    if (resetRequested.exchange(false, std::memory_order_acq_rel)) kernel.reset();
+    pendingChanges.drain(
+        [this](std::uint64_t address, float value) { kernel.setParameter(address, value); });
+}
+
+AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
+    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
+    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
+    const AURenderEvent* events, AURenderPullInputBlock pull, bool alwaysPull,
+    const AUMIDIOutputEventBlock* midiOut) {
+    if (frameCount > kernel.getMaximumFramesToRender() || frameCount > inputBus_.maxFrames)
+        return inputBus_.storage ? kAudioUnitErr_TooManyFramesToProcess
+                                 : kAudioUnitErr_Uninitialized;
+    if (!outputData || outputData->mNumberBuffers > AudioBufferList::kMaxBuffers)
+        return kAudioUnitErr_InvalidParameter;
+    applyPendingChanges();
+
+    if (alwaysPull || pull) {
+        const AUAudioUnitStatus status =
+            inputBus_.pullInput(actionFlags, timestamp, frameCount, 0, pull);
+        if (status != noErr) return status;
+    }
+    AudioBufferList* input = inputBus_.mutableBufferList;
+    if (outputData->mNumberBuffers > 0 && outputData->mBuffers[0].mData == nullptr) {
+        // In place: the output is rendered into the input storage.
+        for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i) {
+            const bool has = i < input->mNumberBuffers;
+            outputData->mBuffers[i].mData = has ? input->mBuffers[i].mData : nullptr;
+            outputData->mBuffers[i].mDataByteSize =
+                has ? frameCount * std::uint32_t(sizeof(float)) : 0;
+        }
+    }
+    // Never write past what the host handed us.
+    for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i)
+        if (outputData->mBuffers[i].mData &&
+            outputData->mBuffers[i].mDataByteSize < frameCount * sizeof(float))
+            return kAudioUnitErr_InvalidParameter;
+
+    kernel.setBuffers(input, outputData, int(outputBusNumber));
+    kernel.processWithEvents(timestamp, frameCount, events, midiOut);
+    return noErr;
+}
+
+AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::render(
+    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
+    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
+    const AURenderEvent* realtimeEventListHead, AURenderPullInputBlock pullInputBlock) {
+    return renderPath(actionFlags, timestamp, frameCount, outputBusNumber, outputData,
+                      realtimeEventListHead, pullInputBlock, false, &midiOutputEventBlock);
+}
+
+AURenderBlock TAV_SR_Chorus_ExtensionDSPKernelAdapter::internalRenderBlock() {
+    auto midiOut = std::make_shared<const AUMIDIOutputEventBlock>(midiOutputEventBlock);
+    return [this, midiOut](AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
+                           AUAudioFrameCount frameCount, NSInteger /*outputBusNumber*/,
+                           AudioBufferList* outputData, const AURenderEvent* events,
+                           AURenderPullInputBlock pull) {
+        return renderPath(actionFlags, timestamp, frameCount, 0, outputData, events, pull, true,
+                          midiOut.get());
+    };
+}
+
+AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::render2(AUAudioFrameCount frameCount,
+                                                                   AudioBufferList* outputData) {
+    kernel.setBuffers(inputBus_.mutableBufferList, outputData, 0);
+    kernel.process2(frameCount, 0);
+    return noErr;
+}

@@ -1,0 +1,81 @@
+// Owns the kernel and its busses and gives the audio unit its render entry points.
+// Threading: render(), render2() and the block from internalRenderBlock() run on the render
+// thread. Everything else runs on other threads; while render resources are allocated, those
+// never touch the kernel directly: parameter changes and resets are queued and applied at the
+// start of the next render call.
+#pragma once
+
+#include <atomic>
+
+#include "kernel/BufferedAudioBus.h"
+#include "kernel/ParameterChangeQueue.h"
+#include "kernel/TAV_SR_Chorus_Extension_DSPKernel.h"
+#include "platform/AUParameterTree.h"
+
+class TAV_SR_Chorus_ExtensionDSPKernelAdapter {
+public:
+    static constexpr AUAudioFrameCount kDefaultMaximumFramesToRender = 4096;
+
+    // Default format 48 kHz stereo; the kernel is initialised with it.
+    TAV_SR_Chorus_ExtensionDSPKernelAdapter();
+
+    AUAudioUnitBus& inputBus() { return *inputBus_.bus; }
+    AUAudioUnitBus& outputBus() { return *outputBus_; }
+
+    void setParameter(AUParameter* parameter, AUValue value);
+    AUValue valueForParameter(AUParameter* parameter) const;
+    void setParameterEx(std::int32_t address, AUValue value);
+    AUValue getParameterEx(std::int32_t address) const;
+
+    AUAudioFrameCount maximumFramesToRender() const { return kernel.getMaximumFramesToRender(); }
+    void setMaximumFramesToRender(AUAudioFrameCount frames);
+    bool shouldBypassEffect() const { return kernel.getBypassed(); }
+    void setShouldBypassEffect(bool bypass) { kernel.setBypassed(bypass); }
+    void setBypass(bool bypass) { kernel.setBypassed(bypass); }
+
+    void allocateRenderResources();
+    void deallocateRenderResources();
+    bool renderResourcesAllocated() const { return allocated.load(std::memory_order_acquire); }
+    void reset();
+    float getSamplerate() const { return kernel.getSamplerate(); }
+    void setSamplerate(float sampleRate);
+
+    void setAUMIDIOutputEventBlock(AUMIDIOutputEventBlock block);
+    void setAUHostMusicalContextBlock(AUHostMusicalContextBlock block);
+    void setAUScheduleMIDIEventBlock(AUScheduleMIDIEventBlock block);
+    void setAUHostTransportStateBlock(AUHostTransportStateBlock block);
+
+    // The render block; it holds the MIDI output block in force when it was made.
+    AURenderBlock internalRenderBlock();
+    // The same path called directly; pulls input only when a pull block is given.
+    AUAudioUnitStatus render(AudioUnitRenderActionFlags* actionFlags,
+                             const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
+                             NSInteger outputBusNumber, AudioBufferList* outputData,
+                             const AURenderEvent* realtimeEventListHead,
+                             AURenderPullInputBlock pullInputBlock);
+    AUAudioUnitStatus render2(AUAudioFrameCount frameCount, AudioBufferList* outputData);
+
+    // The kernel, for inspection. Not to be changed from other threads while rendering.
+    TAV_SR_Chorus_Extension_DSPKernel& getKernel() { return kernel; }
+
+private:
+    AUAudioUnitStatus renderPath(AudioUnitRenderActionFlags* actionFlags,
+                                 const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
+                                 NSInteger outputBusNumber, AudioBufferList* outputData,
+                                 const AURenderEvent* events, AURenderPullInputBlock pull,
+                                 bool alwaysPull, const AUMIDIOutputEventBlock* midiOut);
+    void applyPendingChanges();
+    void setKernelParameter(AUParameterAddress address, AUValue value);
+
+    TAV_SR_Chorus_Extension_DSPKernel kernel;
+    BufferedInputBus inputBus_;
+    std::unique_ptr<AUAudioUnitBus> outputBus_;
+    AUMIDIOutputEventBlock midiOutputEventBlock;
+    AUHostMusicalContextBlock musicalContextBlock;
+    AUScheduleMIDIEventBlock scheduleMIDIEventBlock;
+    AUHostTransportStateBlock transportStateBlock;
+
+    std::atomic<bool> allocated{false};
+    std::atomic<bool> resetRequested{false};
+    sr::ParameterChangeQueue pendingChanges;
+};

@@ -1,0 +1,183 @@
+#include "kernel/TAV_SR_Chorus_Extension_DSPKernel.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "platform/PrintQueue.h"
+#include "util/SafeConvert.h"
+
+namespace {
+
+// Kernel address 7..15 -> chorus parameter index.
+constexpr int kChorusIndexForAddress[] = {6, 7, 8, 9, 1, 2, 3, 4, 5};
+
+} // namespace
+
+TAV_SR_Chorus_Extension_DSPKernel::TAV_SR_Chorus_Extension_DSPKernel() {
+    for (auto& p : parameters) p.store(0.0f, std::memory_order_relaxed);
+    (void)sr::printQueue(); // started here, never first from the render thread
+
+    denormalKill.resize(size_t(globals.SOUND_BUFFER_SIZE));
+    for (float& v : denormalKill) {
+        const float quotient = float(globals.rand() / 2147483648.0);
+        v = float((quotient - 0.5) * 1e-16);
+    }
+    globals.denormalkillbuf = denormalKill.data();
+
+    effectManager = std::make_unique<EffectManager>(globals, 0, 1);
+    effectManager->changeEffect(3);
+    for (auto& p : parameters) p.store(0.0f, std::memory_order_relaxed);
+}
+
+TAV_SR_Chorus_Extension_DSPKernel::~TAV_SR_Chorus_Extension_DSPKernel() {
+    effectManager.reset();
+    globals.denormalkillbuf = nullptr;
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::init(int channels, double rate) {
+    setSamplerate(float(rate));
+    channelCount = channels;
+    reset();
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::setSamplerate(float rate) {
+    // A rate the effects cannot work with keeps the previous one.
+    if (!(rate >= 1.0f && rate <= 10'000'000.0f)) return;
+    sampleRate = rate;
+    bandSplitter.setSamplerate(rate);
+    globals.SAMPLE_RATE = sr::truncSaturate<int>(rate);
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::reset() {
+    bandSplitter.reset();
+    effectManager->setParameterChar(0, 127);
+    effectManager->setParameterChar(10, 0);
+    effectManager->setParameterChar(11, 0);
+    effectManager->cleanup();
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::setBuffers(AudioBufferList* in, AudioBufferList* out,
+                                                   int bus) {
+    inBufferList = in;
+    outBufferList = out;
+    busNumber = bus;
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::setParameter(AUParameterAddress address, AUValue value) {
+    const sr::ParameterInfo* info = sr::parameterInfo(address);
+    if (!info) return;
+    if (!std::isfinite(value)) {
+        sr::LineBuilder<> line;
+        line << "TAV_SR_Chorus_Extension_DSPKernel::setParameter : WARNING: non-finite value "
+                "refused for address:"
+             << std::uint64_t(address) << "\n";
+        sr::safeprint(line.view());
+        return;
+    }
+    value = sr::clampToRange(*info, value);
+    parameters[address].store(value, std::memory_order_relaxed);
+
+    sr::LineBuilder<> line;
+    line << "unit received parameter : address:" << std::uint64_t(address) << ", value:";
+    line.fixed(double(value)) << "\n";
+    sr::safeprint(line.view());
+
+    switch (address) {
+    case sr::kFrequencySplitLP: {
+        const float upper = parameters[sr::kFrequencySplitHP].load(std::memory_order_relaxed);
+        float v = value < 0.0f ? 0.0f : value;
+        if (v > upper) v = upper;
+        bandSplitter.setCutoff1(std::sqrt(v));
+        break;
+    }
+    case sr::kFrequencySplitHP: {
+        const float lower = parameters[sr::kFrequencySplitLP].load(std::memory_order_relaxed);
+        float v = value < lower ? lower : value;
+        if (v > 1.0f) v = 1.0f;
+        bandSplitter.setCutoff2(std::sqrt(v));
+        break;
+    }
+    case sr::kChorusLFOType:
+        effectManager->setParameterChar(kChorusIndexForAddress[address - sr::kChorusDepth],
+                                        sr::effectByteFromInteger(value));
+        break;
+    default:
+        if (address >= sr::kChorusDepth && address <= sr::kChorusLFOStereo)
+            effectManager->setParameterChar(kChorusIndexForAddress[address - sr::kChorusDepth],
+                                            sr::effectByteFromValue(value));
+        break;
+    }
+}
+
+AUValue TAV_SR_Chorus_Extension_DSPKernel::getParameter(AUParameterAddress address) const {
+    return address < sr::kParameterCount ? parameters[address].load(std::memory_order_relaxed)
+                                         : 0.0f;
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::setParameterAutomated(AUParameterAddress address,
+                                                              AUValue value,
+                                                              AUEventSampleTime /*time*/) {
+    setParameter(address, value);
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::handleMIDIEvent(const AUMIDIEvent& midiEvent) {
+    if (midiEvent.length != 0) {
+        switch (midiEvent.bytes()[0]) {
+        case 0xF8: // clock
+        case 0xFA: // start
+        case 0xFB: // continue
+        case 0xFC: // stop
+        case 0xFF: // reset
+            return;
+        default:
+            break;
+        }
+    }
+    if (!midiOutputEventBlock || !*midiOutputEventBlock || !midiThrough) return;
+    (*midiOutputEventBlock)(midiEvent.eventSampleTime, 0, midiEvent.length, midiEvent.bytes());
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::process2(AUAudioFrameCount, AUAudioFrameCount) {}
+
+void TAV_SR_Chorus_Extension_DSPKernel::process(AUAudioFrameCount frameCount,
+                                                AUAudioFrameCount bufferOffset) {
+    if (!inBufferList || !outBufferList || frameCount == 0) return;
+    const int channels =
+        std::min({channelCount, int(inBufferList->mNumberBuffers),
+                  int(outBufferList->mNumberBuffers), int(AudioBufferList::kMaxBuffers)});
+    for (int c = 0; c < channels; ++c) {
+        const float* src = static_cast<const float*>(inBufferList->mBuffers[c].mData);
+        float* dst = static_cast<float*>(outBufferList->mBuffers[c].mData);
+        if (!src || !dst) return;
+        src += bufferOffset;
+        dst += bufferOffset;
+        if (src != dst) std::memmove(dst, src, frameCount * sizeof(float));
+    }
+    if (bypassed.load(std::memory_order_relaxed) || channelCount != 2 || channels != 2) return;
+    if (parameters[sr::kBypass].load(std::memory_order_relaxed) != 0.0f) return;
+
+    float* left = static_cast<float*>(outBufferList->mBuffers[0].mData) + bufferOffset;
+    float* right = static_cast<float*>(outBufferList->mBuffers[1].mData) + bufferOffset;
+    // The band and work buffers hold 4096 frames: longer segments go through in slices.
+    for (AUAudioFrameCount done = 0; done < frameCount;) {
+        const int n = int(std::min<AUAudioFrameCount>(frameCount - done, kMaxSlice));
+        processStereo(left + done, right + done, n);
+        done += AUAudioFrameCount(n);
+    }
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right, int n) {
+    bandSplitter.split(left, right, n);
+    globals.SOUND_BUFFER_SIZE = n;
+    effectManager->process(bandSplitter.getBPLeft(), bandSplitter.getBPRight());
+    bandSplitter.mix(workLeft.data(), workRight.data(), n);
+
+    const float w = parameters[sr::kChorusDryWet].load(std::memory_order_relaxed);
+    // At 0 the input stays as it is, bit for bit (the chorus still runs so its lines are warm
+    // when the mix opens).
+    if (w == 0.0f) return;
+    const float dry = 1.0f - w;
+    for (int i = 0; i < n; ++i) left[i] = workLeft[size_t(i)] * w + left[i] * dry;
+    for (int i = 0; i < n; ++i) right[i] = workRight[size_t(i)] * w + right[i] * dry;
+}

@@ -1,0 +1,76 @@
+// The real-time signal processor: copies input to output and, for an unbypassed stereo
+// signal, splits it into three bands, runs the chorus on the middle band, recombines the bands
+// and blends the result with the untouched input by the Chorus Mix parameter.
+// Threading: once rendering has started, only the render thread calls anything but
+// getParameter (any thread) and the bypass flag (atomic).
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "effects/EffectGlobals.h"
+#include "effects/EffectManager.h"
+#include "kernel/BandSplitFilter3.h"
+#include "kernel/DSPKernel.h"
+#include "kernel/ParameterTable.h"
+#include "util/Modulator.h"
+
+class TAV_SR_Chorus_Extension_DSPKernel : public DSPKernel {
+public:
+    static constexpr int kMaxSlice = BandSplitFilter3::kMaxFrames;
+
+    TAV_SR_Chorus_Extension_DSPKernel();
+    ~TAV_SR_Chorus_Extension_DSPKernel();
+
+    void init(int channelCount, double sampleRate);
+    void setSamplerate(float sampleRate);
+    float getSamplerate() const { return sampleRate; }
+    void reset();
+    void setBuffers(AudioBufferList* inBufferList, AudioBufferList* outBufferList, int busNumber);
+
+    void setParameter(AUParameterAddress address, AUValue value);
+    // Safe from any thread.
+    AUValue getParameter(AUParameterAddress address) const;
+    void setParameterAutomated(AUParameterAddress address, AUValue value,
+                               AUEventSampleTime eventSampleTime) override;
+    void handleMIDIEvent(const AUMIDIEvent& midiEvent) override;
+
+    AUAudioFrameCount getMaximumFramesToRender() const { return maxFramesToRender.load(); }
+    void setMaximumFramesToRender(AUAudioFrameCount frames) { maxFramesToRender.store(frames); }
+    bool getBypassed() const { return bypassed.load(std::memory_order_relaxed); }
+    void setBypassed(bool value) { bypassed.store(value, std::memory_order_relaxed); }
+    bool getMidiThrough() const { return midiThrough; }
+    int getChannelCount() const { return channelCount; }
+
+    void process2(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
+    void process(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
+
+    // For inspection and tests.
+    EffectManager& getEffectManager() { return *effectManager; }
+    const BandSplitFilter3& getBandSplitter() const { return bandSplitter; }
+    const EffectGlobals& getEffectGlobals() const { return globals; }
+
+private:
+    void processStereo(float* left, float* right, int frames);
+
+    std::array<float, kMaxSlice> workLeft{};
+    std::array<float, kMaxSlice> workRight{};
+    int channelCount = 2;
+    AudioBufferList* inBufferList = nullptr;
+    AudioBufferList* outBufferList = nullptr;
+    int busNumber = 0;
+    float sampleRate = 48000.0f;
+    // Written on the render thread, readable from any.
+    std::array<std::atomic<float>, sr::kParameterCount> parameters;
+    Modulator modulator;
+    BandSplitFilter3 bandSplitter;
+    std::atomic<bool> bypassed{false};
+    bool midiThrough = false; // nothing sets it: MIDI reaches the parameters elsewhere
+    std::atomic<AUAudioFrameCount> maxFramesToRender{4096};
+    // This instance's effect-engine settings and anti-denormal noise.
+    EffectGlobals globals;
+    std::vector<float> denormalKill;
+    std::unique_ptr<EffectManager> effectManager;
+};

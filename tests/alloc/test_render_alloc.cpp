@@ -1,0 +1,45 @@
+// The render path allocates nothing: 1000 render calls with parameter, ramp and MIDI events,
+// over every block size a host is likely to use, after the first call has warmed up.
+#include <gtest/gtest.h>
+
+#include "alloc_counter.h"
+#include "tests/RenderHarness.h"
+
+namespace {
+
+TEST(RenderAllocation, ThousandCallsWithEventsAllocateNothing) {
+    sr::test::RenderHarness h;
+    const auto in = sr::test::noise(4096, 3);
+    sr::test::Stereo out(4096);
+    auto events = std::make_unique<RenderEventList<>>();
+    const std::uint8_t cc[] = {0xB0, 13, 100}, note[] = {0x90, 60, 100}, clock[] = {0xF8};
+    const std::uint8_t sysex[] = {0xF0, 0x7E, 0x7F, 0x06, 0x01, 0xF7};
+    const AUAudioFrameCount sizes[] = {1, 64, 128, 333, 512, 1024, 4096};
+
+    h.renderCall(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 512);
+    long allocations = 0;
+    {
+        sr::test::AllocationCounter counter;
+        for (int call = 0; call < 1000; ++call) {
+            const AUAudioFrameCount n = sizes[call % 7];
+            const auto t0 = AUEventSampleTime(h.time.mSampleTime);
+            events->clear();
+            events->addParameter(t0 + n / 2, AUParameterAddress(7 + call % 10),
+                                 float(call % 100) / 100.0f);
+            events->addParameter(t0, 16, 0.3f, 64);
+            events->addParameter(t0 + n - 1, 5, 0.2f + float(call % 5) / 10.0f);
+            events->addMIDI(t0 + n / 3, 0, cc, 3);
+            events->addMIDI(t0, 0, note, 3);
+            events->addMIDI(t0 + n / 4, 0, clock, 1);
+            events->addMIDI(t0 + n / 5, 0, sysex, sizeof sysex);
+            ASSERT_EQ(h.renderCall(in.left.data(), in.right.data(), out.left.data(),
+                                   out.right.data(), n, events->head()),
+                      noErr);
+        }
+        allocations = counter.count();
+    }
+    EXPECT_EQ(allocations, 0);
+    for (float v : out.left) ASSERT_TRUE(std::isfinite(v));
+}
+
+} // namespace
