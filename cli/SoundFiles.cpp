@@ -156,6 +156,8 @@ OutputFile::OutputFile(std::string p, int format, int sampleRate, std::uint32_t 
         discard();
         throw Error("cannot write '" + path + "': " + reason);
     }
+    // The peak chunk carries a time stamp: without it the same render gives the same bytes.
+    sf_command(file, SFC_SET_ADD_PEAK_CHUNK, nullptr, SF_FALSE);
     // Integer formats clip overs instead of wrapping them around.
     if (isPcm(format) && sf_command(file, SFC_SET_CLIPPING, nullptr, SF_TRUE) != SF_TRUE) {
         discard();

@@ -14,12 +14,6 @@ constexpr unsigned char kPresets[Alienwah::kPresetCount][Alienwah::kParameterCou
     {93, 64, 25, 0, 1, 66, 101, 11, 47, 0, 86},
 };
 
-// Bytes above 127 lie outside every law's range; above it the feedback and cross would turn
-// the loop unstable, so they count as 127.
-unsigned char clampByte(unsigned char v) {
-    return v > 127 ? 127 : v;
-}
-
 using Complex = Alienwah::Complex;
 
 Complex blend(Complex a, Complex b, float x) {
@@ -60,21 +54,11 @@ void Alienwah::setParameterChar(int index, unsigned char value) {
         panningParam = clampByte(value);
         panning = panningParam / 127.0f;
         break;
-    case 2:
-        lfo.freqParam = value;
-        lfo.UpdateParameters();
-        break;
+    case 2: // LFO frequency, randomness, shape, stereo
     case 3:
-        lfo.randomnessParam = value;
-        lfo.UpdateParameters();
-        break;
     case 4:
-        lfo.shapeParam = value;
-        lfo.UpdateParameters();
-        break;
     case 5:
-        lfo.stereoParam = value;
-        lfo.UpdateParameters();
+        lfo.setParameterChar(index - 2, value);
         break;
     case 6:
         depthParam = clampByte(value);
@@ -111,13 +95,10 @@ unsigned char Alienwah::getParameter_Char(int index) {
     case 1:
         return panningParam;
     case 2:
-        return lfo.freqParam;
     case 3:
-        return lfo.randomnessParam;
     case 4:
-        return lfo.shapeParam;
     case 5:
-        return lfo.stereoParam;
+        return lfo.getParameter_Char(index - 2);
     case 6:
         return depthParam;
     case 7:

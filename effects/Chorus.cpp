@@ -121,13 +121,12 @@ void Chorus::setDelay(unsigned char v) {
 
 void Chorus::setFeedback(unsigned char v) {
     feedbackParam = v;
-    // The byte comes from a 0..127 control; above that the loop gain would pass 1.
-    feedback = float((std::min<int>(v, 127) - 64.0) / 64.1);
+    feedback = float((clampByte(v) - 64.0) / 64.1);
 }
 
 void Chorus::setCross(unsigned char v) {
     crossParam = v;
-    crossAmount = std::min<int>(v, 127) / 127.0f;
+    crossAmount = clampByte(v) / 127.0f;
 }
 
 void Chorus::setParameterChar(int index, unsigned char value) {
@@ -138,21 +137,11 @@ void Chorus::setParameterChar(int index, unsigned char value) {
     case 1:
         setPanning(value);
         break;
-    case 2:
-        lfo.freqParam = value;
-        lfo.UpdateParameters();
-        break;
+    case 2: // LFO frequency, randomness, shape, stereo
     case 3:
-        lfo.randomnessParam = value;
-        lfo.UpdateParameters();
-        break;
     case 4:
-        lfo.shapeParam = value;
-        lfo.UpdateParameters();
-        break;
     case 5:
-        lfo.stereoParam = value;
-        lfo.UpdateParameters();
+        lfo.setParameterChar(index - 2, value);
         break;
     case 6:
         setDepth(value);
@@ -184,13 +173,10 @@ unsigned char Chorus::getParameter_Char(int index) {
     case 1:
         return panningParam;
     case 2:
-        return lfo.freqParam;
     case 3:
-        return lfo.randomnessParam;
     case 4:
-        return lfo.shapeParam;
     case 5:
-        return lfo.stereoParam;
+        return lfo.getParameter_Char(index - 2);
     case 6:
         return depthParam;
     case 7:

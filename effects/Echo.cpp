@@ -16,12 +16,6 @@ constexpr unsigned char kPresets[Echo::kPresetCount][Echo::kParameterCount] = {
     {81, 60, 46, 118, 100, 68, 18}, {81, 60, 26, 100, 127, 67, 36}, {62, 64, 28, 64, 100, 90, 55},
 };
 
-// Bytes above 127 lie outside every law's range; above it the feedback, cross and damping
-// would turn the loop unstable, so they count as 127.
-unsigned char clampByte(unsigned char v) {
-    return v > 127 ? 127 : v;
-}
-
 // Common delay in samples: up to 1.5 s.
 std::int64_t delayLaw(unsigned char v, int sampleRate) {
     return 1 + sr::truncSaturate<std::int64_t>(v / 127.0 * sampleRate * 1.5);

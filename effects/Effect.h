@@ -36,6 +36,10 @@ public:
     FilterState* filterParams = nullptr;
 
 protected:
+    // Effect bytes come from 0..127 controls; above that several laws (feedback, cross,
+    // damping) would turn a loop unstable, so such bytes count as 127.
+    static unsigned char clampByte(unsigned char v) { return v > 127 ? 127 : v; }
+
     // Volume setter shared by the effects whose volume is plain v / 127.
     void setLinearVolume(int insertion, unsigned char v) {
         outVolume = v / 127.0f;

@@ -80,3 +80,38 @@ void EffectLFO::process(float* left, float* right) {
     *left = advance(phaseLeft, ampLeftStart, ampLeftEnd, phaseStep);
     *right = advance(phaseRight, ampRightStart, ampRightEnd, phaseStep);
 }
+
+void EffectLFO::setParameterChar(int which, unsigned char value) {
+    switch (which) {
+    case 0:
+        freqParam = value;
+        break;
+    case 1:
+        randomnessParam = value;
+        break;
+    case 2:
+        shapeParam = value;
+        break;
+    case 3:
+        stereoParam = value;
+        break;
+    default:
+        return;
+    }
+    UpdateParameters();
+}
+
+unsigned char EffectLFO::getParameter_Char(int which) const {
+    switch (which) {
+    case 0:
+        return freqParam;
+    case 1:
+        return randomnessParam;
+    case 2:
+        return shapeParam;
+    case 3:
+        return stereoParam;
+    default:
+        return 0;
+    }
+}

@@ -17,6 +17,11 @@ public:
     // The values at the current phases, without advancing.
     void current(float* left, float* right) const;
 
+    // The four parameters by number (0 frequency, 1 randomness, 2 shape, 3 stereo), as the
+    // modulation effects expose them; setting one updates the oscillator.
+    void setParameterChar(int which, unsigned char value);
+    unsigned char getParameter_Char(int which) const;
+
     // Rate in Hz of the current parameters.
     float getFrequency() const { return frequency; }
 

@@ -11,12 +11,6 @@ constexpr unsigned char kPresets[Phaser::kPresetCount][Phaser::kParameterCount] 
     {64, 64, 20, 0, 1, 110, 67, 78, 10, 0, 0, 20}, {64, 64, 53, 100, 0, 58, 37, 78, 3, 0, 0, 20},
 };
 
-// Bytes above 127 lie outside every law's range; above it the feedback and cross would turn
-// the loop unstable, so they count as 127.
-unsigned char clampByte(unsigned char v) {
-    return v > 127 ? 127 : v;
-}
-
 // The LFO value (0..1) bent onto an exponential curve, 0 at 0 and 1 at 1.
 float expCurve(float x) {
     return (std::exp(2.0f * x) - 1.0f) / (std::exp(2.0f) - 1.0f);
@@ -57,21 +51,11 @@ void Phaser::setParameterChar(int index, unsigned char value) {
         panningParam = clampByte(value);
         panning = panningParam / 127.0f;
         break;
-    case 2:
-        lfo.freqParam = value;
-        lfo.UpdateParameters();
-        break;
+    case 2: // LFO frequency, randomness, shape, stereo
     case 3:
-        lfo.randomnessParam = value;
-        lfo.UpdateParameters();
-        break;
     case 4:
-        lfo.shapeParam = value;
-        lfo.UpdateParameters();
-        break;
     case 5:
-        lfo.stereoParam = value;
-        lfo.UpdateParameters();
+        lfo.setParameterChar(index - 2, value);
         break;
     case 6:
         depthParam = clampByte(value);
@@ -107,13 +91,10 @@ unsigned char Phaser::getParameter_Char(int index) {
     case 1:
         return panningParam;
     case 2:
-        return lfo.freqParam;
     case 3:
-        return lfo.randomnessParam;
     case 4:
-        return lfo.shapeParam;
     case 5:
-        return lfo.stereoParam;
+        return lfo.getParameter_Char(index - 2);
     case 6:
         return depthParam;
     case 7:

@@ -2,7 +2,9 @@
 // status codes, in-place rendering, independence of instances and of the host's block size.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 #include "RenderHarness.h"
 
@@ -94,8 +96,7 @@ TEST(RenderFrame, EarlyEventsRampsAndLateEvents) {
     RenderHarness h;
     h.time.mSampleTime = 1000;
     RenderEventList<> events;
-    events.addParameter(900, 16, 0.0f);       // before the buffer: applies at frame 0
-    events.addParameter(1200, 1, 1.0f, 4000); // a ramp jumps to its target at its start
+    events.addParameter(900, 1, 1.0f);        // before the buffer: applies at frame 0
     events.addParameter(1000 + 600, 1, 0.0f); // past the end of a 512-frame call
     Stereo out(1024);
     h.renderCall(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 512,
@@ -103,7 +104,14 @@ TEST(RenderFrame, EarlyEventsRampsAndLateEvents) {
     EXPECT_TRUE(std::equal(out.left.begin(), out.left.begin() + 512, in.left.begin()));
     // The late event was applied at the end of the call: bypass is off again.
     EXPECT_EQ(h.adapter.getKernel().getParameter(1), 0.0f);
-    EXPECT_EQ(h.adapter.getKernel().getParameter(16), 0.0f);
+
+    // A ramp jumps to its target at its start: from frame 200 on, mix 0 passes the input.
+    events.clear();
+    events.addParameter(AUEventSampleTime(h.time.mSampleTime) + 200, 16, 0.0f, 4000);
+    h.renderCall(&in.left[512], &in.right[512], &out.left[512], &out.right[512], 512,
+                 events.head());
+    EXPECT_NE(out.left[512 + 199], in.left[512 + 199]);
+    EXPECT_TRUE(std::equal(out.left.begin() + 712, out.left.end(), in.left.begin() + 712));
 }
 
 TEST(RenderFrame, StatusCodesAndUntouchedBuffers) {
@@ -245,6 +253,33 @@ TEST(RenderFrame, MidiIsNotEchoedByTheKernel) {
                            events.head()),
               noErr);
     EXPECT_EQ(sent, 0);
+}
+
+} // namespace
+
+namespace {
+
+TEST(RenderFrame, AnotherThreadChangesParametersWhileRendering) {
+    RenderHarness h;
+    const auto in = noise(256, 5);
+    std::atomic<bool> done{false};
+    std::thread control([&] {
+        for (int i = 0; i < 2000; ++i) {
+            h.set(AUParameterAddress(5 + i % 12), float(i % 10) / 10.0f);
+            h.adapter.setShouldBypassEffect(i % 7 == 0);
+            (void)h.tree().parameterWithAddress(7)->implementorValue();
+        }
+        h.adapter.setShouldBypassEffect(false);
+        h.set(16, 0.25f);
+        done = true;
+    });
+    Stereo out(256);
+    while (!done)
+        h.renderCall(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 256);
+    control.join();
+    h.renderCall(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 256);
+    EXPECT_EQ(h.adapter.getKernel().getParameter(16), 0.25f);
+    for (float v : out.left) ASSERT_TRUE(std::isfinite(v));
 }
 
 } // namespace

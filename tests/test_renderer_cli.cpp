@@ -199,8 +199,10 @@ ToolRun runCommand(const std::string& command) {
     static int counter = 0;
     const fs::path captures = fs::path(SR_TEST_TMP) / "renderer-captures";
     fs::create_directories(captures);
-    const fs::path out = captures / ("out" + std::to_string(++counter));
-    const fs::path err = captures / ("err" + std::to_string(counter));
+    // ctest runs each test in a process of its own, several at once: the pid keeps them apart.
+    const std::string id = std::to_string(getpid()) + "-" + std::to_string(++counter);
+    const fs::path out = captures / ("out" + id);
+    const fs::path err = captures / ("err" + id);
     const std::string redirected =
         command + " </dev/null >" + shellQuoted(out) + " 2>" + shellQuoted(err);
     const int status = std::system(redirected.c_str());
