@@ -4,41 +4,14 @@
 
 #include <algorithm>
 #include <cmath>
-#include <random>
 #include <vector>
 
 #include "kernel/TAV_SR_Chorus_ExtensionDSPKernelAdapter.h"
 #include "kernel/TAV_SR_Chorus_Extension_Parameters.h"
 #include "platform/RenderEventList.h"
+#include "tests/TestSignals.h"
 
 namespace sr::test {
-
-struct Stereo {
-    std::vector<float> left, right;
-    explicit Stereo(std::size_t n = 0) : left(n), right(n) {}
-    std::size_t size() const { return left.size(); }
-};
-
-inline Stereo noise(std::size_t n, unsigned seed = 1, float amplitude = 0.5f) {
-    std::mt19937 rng(seed);
-    std::uniform_real_distribution<float> d(-amplitude, amplitude);
-    Stereo s(n);
-    for (std::size_t i = 0; i < n; ++i) {
-        s.left[i] = d(rng);
-        s.right[i] = d(rng);
-    }
-    return s;
-}
-
-// Energy ratio of the difference to the reference, in dB.
-inline double differenceDb(const std::vector<float>& a, const std::vector<float>& reference) {
-    double diff = 0, ref = 0;
-    for (std::size_t i = 0; i < reference.size(); ++i) {
-        diff += double(a[i] - reference[i]) * double(a[i] - reference[i]);
-        ref += double(reference[i]) * double(reference[i]);
-    }
-    return 10.0 * std::log10((diff + 1e-30) / (ref + 1e-30));
-}
 
 class RenderHarness {
 public:

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/TestSignals.h"
+
 #include <algorithm>
 #include <cmath>
 #include <complex>
@@ -18,6 +20,8 @@
 #include <vector>
 
 namespace {
+
+using namespace sr::test;
 
 constexpr int kEcho = 2;
 constexpr int kPhaser = 4;
@@ -58,10 +62,6 @@ void set(Target& target, std::initializer_list<std::pair<int, int>> values) {
     for (auto [index, value] : values) target.setParameterChar(index, (unsigned char)value);
 }
 
-struct Stereo {
-    std::vector<float> left, right;
-};
-
 // Runs a whole signal through the manager block by block (length a multiple of the block).
 Stereo runManager(EffectManager& manager, const EffectGlobals& g, Stereo in) {
     for (size_t at = 0; at < in.left.size(); at += size_t(g.SOUND_BUFFER_SIZE))
@@ -71,7 +71,7 @@ Stereo runManager(EffectManager& manager, const EffectGlobals& g, Stereo in) {
 
 // Runs a signal through an effect used on its own, collecting its wet output.
 Stereo runEffect(Effect& fx, const EffectGlobals& g, Stereo in) {
-    Stereo out{std::vector<float>(in.left.size()), std::vector<float>(in.left.size())};
+    Stereo out(in.size());
     const size_t n = size_t(g.SOUND_BUFFER_SIZE);
     for (size_t at = 0; at < in.left.size(); at += n) {
         fx.process(in.left.data() + at, in.right.data() + at);
@@ -79,34 +79,6 @@ Stereo runEffect(Effect& fx, const EffectGlobals& g, Stereo in) {
         std::copy_n(fx.outRight, n, out.right.begin() + long(at));
     }
     return out;
-}
-
-Stereo impulse(size_t length, size_t at = 0) {
-    Stereo s{std::vector<float>(length, 0.0f), std::vector<float>(length, 0.0f)};
-    s.left[at] = s.right[at] = 1.0f;
-    return s;
-}
-
-Stereo silence(size_t length) {
-    return Stereo{std::vector<float>(length), std::vector<float>(length)};
-}
-
-Stereo noise(size_t length, unsigned seed = 7) {
-    std::mt19937 gen(seed);
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-    Stereo s = silence(length);
-    for (size_t i = 0; i < length; ++i) {
-        s.left[i] = dist(gen);
-        s.right[i] = dist(gen);
-    }
-    return s;
-}
-
-Stereo square(size_t length, size_t halfPeriod = 50) {
-    Stereo s = silence(length);
-    for (size_t i = 0; i < length; ++i)
-        s.left[i] = s.right[i] = (i / halfPeriod) % 2 ? -1.0f : 1.0f;
-    return s;
 }
 
 long firstNonZero(const std::vector<float>& v) {
@@ -223,7 +195,7 @@ TEST(EchoLaws, DelayChangesAndZeroVolumeSilenceTheLinesButCrossDoesNot) {
     Echo echo(e.globals, 1, outL.data(), outR.data());
     echo.setParameterChar(2, 10); // 945 samples, longer than a block
     auto tailAfter = [&](int index, int value) {
-        runEffect(echo, e.globals, noise(1024));
+        runEffect(echo, e.globals, noise(1024, 7, 1.0f));
         echo.setParameterChar(index, (unsigned char)value);
         const Stereo out = runEffect(echo, e.globals, silence(1024));
         return firstNonZero(out.left) >= 0 || firstNonZero(out.right) >= 0;
@@ -271,7 +243,7 @@ TEST(EffectManagerLaw, InsertionSquaresWetForEchoButNotForPhaser) {
         }
         full.setParameterChar(0, 127);
         part.setParameterChar(0, 32);
-        const Stereo in = noise(3 * 4096);
+        const Stereo in = noise(3 * 4096, 7, 1.0f);
         const Stereo wet = runManager(full, e.globals, in);
         const Stereo mixed = runManager(part, e.globals, in);
         double num = 0, den = 0;
@@ -302,7 +274,7 @@ TEST(PhaserLaws, StageCountAcceptsOneToElevenAndSubtractIsAFlag) {
     std::vector<float> outL2(4096), outR2(4096);
     Phaser plain(e.globals, 1, outL2.data(), outR2.data());
     plain.setParameterChar(8, 11);
-    const Stereo in = noise(2 * 4096);
+    const Stereo in = noise(2 * 4096, 7, 1.0f);
     const Stereo a = runEffect(phaser, e.globals, in);
     const Stereo b = runEffect(plain, e.globals, in);
     for (size_t i = 0; i < a.left.size(); i += 97) EXPECT_EQ(a.left[i], -b.left[i]);
@@ -447,7 +419,7 @@ TEST(AlienwahThroughManager, StaysBoundedOverTenSecondsOfNoiseAtStrongestFeedbac
         double energy = 0.0;
         const int blocks = 10 * 48000 / 4096 + 1;
         for (int b = 0; b < blocks; ++b) {
-            Stereo s = noise(4096, unsigned(b));
+            Stereo s = noise(4096, unsigned(b), 1.0f);
             m.process(s.left.data(), s.right.data());
             for (size_t i = 0; i < 4096; ++i) {
                 ASSERT_TRUE(std::isfinite(s.left[i]) && std::isfinite(s.right[i]));
@@ -462,8 +434,8 @@ TEST(AlienwahThroughManager, StaysBoundedOverTenSecondsOfNoiseAtStrongestFeedbac
 
 TEST(EffectRobustness, EveryPresetStaysFiniteForNoiseSilenceImpulsesAndSquare) {
     const std::pair<int, int> types[] = {{kEcho, 9}, {kPhaser, 6}, {kAlienwah, 4}};
-    const Stereo inputs[] = {noise(12 * 4096), silence(12 * 4096), impulse(12 * 4096, 5000),
-                             square(12 * 4096)};
+    const Stereo inputs[] = {noise(12 * 4096, 7, 1.0f), silence(12 * 4096),
+                             impulse(12 * 4096, 5000), square(12 * 4096)};
     for (auto [type, presets] : types) {
         for (int insertion : {1, 0}) {
             for (int n = 0; n < presets; ++n) {

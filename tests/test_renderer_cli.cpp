@@ -27,9 +27,17 @@
 #include <thread>
 #include <vector>
 
+#include "kernel/ParameterTable.h"
+#include "tests/TestSignals.h"
+
 extern char** environ;
 
 namespace {
+
+using sr::test::allFinite;
+using sr::test::bitIdentical;
+using sr::test::differenceDb;
+using sr::test::peak;
 
 namespace fs = std::filesystem;
 
@@ -148,30 +156,6 @@ std::vector<float> testSignal(int rate, int channels, std::size_t frames, std::u
         }
     }
     return samples;
-}
-
-bool bitIdentical(const std::vector<float>& a, const std::vector<float>& b) {
-    return a.size() == b.size() && std::memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
-// Energy of (test - reference) relative to the reference's, in dB.
-double differenceDb(const std::vector<float>& reference, const std::vector<float>& test) {
-    double error = 0.0, energy = 0.0;
-    for (std::size_t i = 0; i < reference.size(); ++i) {
-        error += std::pow(double(test[i]) - reference[i], 2);
-        energy += std::pow(double(reference[i]), 2);
-    }
-    return 10.0 * std::log10(error / energy);
-}
-
-bool allFinite(const std::vector<float>& samples) {
-    return std::all_of(samples.begin(), samples.end(), [](float s) { return std::isfinite(s); });
-}
-
-float peak(const std::vector<float>& samples) {
-    float p = 0.0f;
-    for (float s : samples) p = std::max(p, std::fabs(s));
-    return p;
 }
 
 // ---- running the tool -------------------------------------------------------------------------
@@ -380,44 +364,10 @@ TEST(RendererCli, OutputFormatFollowsTheExtension) {
 // ---- parameters
 // ----------------------------------------------------------------------------------
 
+// The table itself is checked against the parameter sheet elsewhere; here the listing must
+// show every row of it.
 TEST(RendererCli, ListShowsTheTwentyNineParametersOfTheTable) {
-    struct Row {
-        const char *identifier, *name;
-        float min, max, defaultValue;
-        const char* unit;
-    };
-    const Row kTable[] = {
-        {"kDisplayContrast", "Display Contrast", 0, 1, 0.15f, "Generic"},
-        {"kBypass", "Effect Bypass", 0, 1, 0, "Boolean"},
-        {"kVolumeIn", "Input Gain", 0, 2, 1, "Generic"},
-        {"kVolumeOut", "Output Gain", 0, 2, 1, "Generic"},
-        {"kFinalLimit", "Output Limiter", 0, 1, 1, "Boolean"},
-        {"kFrequencySplitLP", "Frequency Split LP", 0, 1, 0.33f, "Generic"},
-        {"kFrequencySplitHP", "Frequency Split HP", 0, 1, 0.66f, "Generic"},
-        {"kChorusDepth", "Chorus Depth", 0, 1, 0.33f, "Generic"},
-        {"kChorusDelay", "Chorus Delay", 0, 1, 0.25f, "Generic"},
-        {"kChorusFeedback", "Chorus Feedback", 0, 1, 0.33f, "Generic"},
-        {"kChorusCross", "Chorus Xmod", 0, 1, 0.5f, "Generic"},
-        {"kChorusPanning", "Chorus Panning", 0, 1, 0.5f, "Generic"},
-        {"kChorusLFOFrequency", "LFO Frequency", 0, 1, 0.25f, "Generic"},
-        {"kChorusLFORandom", "LFO Randomness", 0, 1, 0.33f, "Generic"},
-        {"kChorusLFOType", "LFO Shape", 0, 1, 0, "Generic"},
-        {"kChorusLFOStereo", "LFO Stereo", 0, 1, 0.5f, "Generic"},
-        {"kChorusDryWet", "Chorus Mix", 0, 1, 0.5f, "Generic"},
-        {"kFrequencySplitLPController", "Frequency Split LP CCO", -1, 127, 13, "Indexed"},
-        {"kFrequencySplitHPController", "Frequency Split HP CCO", -1, 127, 14, "Indexed"},
-        {"kChorusDepthController", "Chorus Depth CCO", -1, 127, 15, "Indexed"},
-        {"kChorusDelayController", "Chorus Delay CCO", -1, 127, 16, "Indexed"},
-        {"kChorusFeedbackController", "Chorus Feedback CCO", -1, 127, 17, "Indexed"},
-        {"kChorusCrossController", "Chorus Cross CCO", -1, 127, 18, "Indexed"},
-        {"kChorusPanningController", "Chorus Panning CCO", -1, 127, 19, "Indexed"},
-        {"kChorusLFOFrequencyController", "LFO Frequency CCO", -1, 127, 20, "Indexed"},
-        {"kChorusLFORandomController", "LFO Randomness CCO", -1, 127, 21, "Indexed"},
-        {"kChorusLFOTypeController", "Chorus Shape CCO", -1, 127, 22, "Indexed"},
-        {"kChorusLFOStereoController", "Chorus Stereo CCO", -1, 127, 23, "Indexed"},
-        {"kChorusDryWetController", "Chorus Mix CCO", -1, 127, 24, "Indexed"},
-    };
-
+    const char* kUnits[] = {"Generic", "Indexed", "Boolean"};
     const ToolRun run = runTool({"--list"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     EXPECT_EQ(run.err, "");
@@ -432,17 +382,17 @@ TEST(RendererCli, ListShowsTheTwentyNineParametersOfTheTable) {
     ASSERT_EQ(rows.size(), 29u) << run.out;
     for (std::size_t a = 0; a < rows.size(); ++a) {
         const std::vector<std::string>& t = rows[a];
-        const Row& expected = kTable[a];
+        const sr::ParameterInfo& expected = sr::kParameterTable[a];
         ASSERT_GE(t.size(), 7u);
         std::string name = t[2];
         for (std::size_t i = 3; i + 4 < t.size(); ++i) name += " " + t[i];
         EXPECT_EQ(t[0], std::to_string(a));
         EXPECT_EQ(t[1], expected.identifier);
         EXPECT_EQ(name, expected.name) << t[1];
-        EXPECT_FLOAT_EQ(std::stof(t[t.size() - 4]), expected.min) << t[1];
-        EXPECT_FLOAT_EQ(std::stof(t[t.size() - 3]), expected.max) << t[1];
+        EXPECT_FLOAT_EQ(std::stof(t[t.size() - 4]), expected.minValue) << t[1];
+        EXPECT_FLOAT_EQ(std::stof(t[t.size() - 3]), expected.maxValue) << t[1];
         EXPECT_FLOAT_EQ(std::stof(t[t.size() - 2]), expected.defaultValue) << t[1];
-        EXPECT_EQ(t.back(), expected.unit) << t[1];
+        EXPECT_EQ(t.back(), kUnits[std::size_t(expected.unit)]) << t[1];
     }
 }
 
