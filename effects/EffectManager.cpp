@@ -140,15 +140,14 @@ void EffectManager::process(float* left, float* right) {
         }
         return;
     }
-    const float* const noise = globals.denormalkillbuf;
-    for (int i = 0; i < n; ++i) {
-        if (noise) {
+    if (const float* const noise = globals.denormalkillbuf) {
+        for (int i = 0; i < n; ++i) {
             left[i] += noise[i];
             right[i] += noise[i];
         }
-        ol[i] = 0.0f;
-        orr[i] = 0.0f;
     }
+    std::fill_n(ol, n, 0.0f);
+    std::fill_n(orr, n, 0.0f);
     effect->process(left, right);
 
     const float v = effect->volume;

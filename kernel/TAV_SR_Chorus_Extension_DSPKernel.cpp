@@ -98,14 +98,13 @@ void TAV_SR_Chorus_Extension_DSPKernel::setParameter(AUParameterAddress address,
         bandSplitter.setCutoff2(std::sqrt(v));
         break;
     }
-    case sr::kChorusLFOType:
-        effectManager->setParameterChar(kChorusIndexForAddress[address - sr::kChorusDepth],
-                                        sr::effectByteFromInteger(value));
-        break;
     default:
-        if (address >= sr::kChorusDepth && address <= sr::kChorusLFOStereo)
-            effectManager->setParameterChar(kChorusIndexForAddress[address - sr::kChorusDepth],
-                                            sr::effectByteFromValue(value));
+        if (address < sr::kChorusDepth || address > sr::kChorusLFOStereo) break;
+        // The LFO shape travels as the value itself truncated, the others as value x 127.
+        effectManager->setParameterChar(kChorusIndexForAddress[address - sr::kChorusDepth],
+                                        address == sr::kChorusLFOType
+                                            ? sr::effectByteFromInteger(value)
+                                            : sr::effectByteFromValue(value));
         break;
     }
 }
