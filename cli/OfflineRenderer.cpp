@@ -22,41 +22,50 @@ bool isValidValue(const ParameterInfo& parameter, float value) {
 }
 
 OfflineRenderer::OfflineRenderer(double sampleRate, std::uint32_t channels,
-                                 std::uint32_t blockFrames)
+                                 std::uint32_t blockFrames, std::vector<TimedMidiMessage> midiInput)
     : sampleRate_(sampleRate), channels_(channels), blockFrames_(blockFrames),
-      parameters_(adapter_) {
+      midiInput_(std::move(midiInput)), events_(std::make_unique<RenderEventList<>>()) {
     if (blockFrames < 1 || blockFrames > kMaxBlockFrames)
         throw std::invalid_argument("block size " + std::to_string(blockFrames) +
                                     " is outside 1.." + std::to_string(kMaxBlockFrames));
     if (channels < 1 || channels > kMaxChannels)
         throw std::invalid_argument(std::to_string(channels) + " channels: 1 to " +
                                     std::to_string(kMaxChannels) + " are supported");
+    std::stable_sort(midiInput_.begin(), midiInput_.end(),
+                     [](const auto& a, const auto& b) { return a.frame < b.frame; });
+    // The unit passes every message through once: room for all of them, recorded without
+    // allocating while rendering.
+    std::size_t bytes = 0;
+    for (const TimedMidiMessage& m : midiInput_) bytes += m.bytes.size();
+    recorded_.reserve(midiInput_.size());
+    recordedBytes_.reserve(bytes);
+
+    unit_ = std::make_unique<TAV_SR_Chorus_Extension_AudioUnit>(kTAVSRChorusComponentDescription,
+                                                                mainQueue_);
     configureBusses();
+    unit_->setMIDIOutputEventBlock(
+        [this](AUEventSampleTime time, std::uint8_t, NSInteger length, const std::uint8_t* data) {
+            return recordMidiOutput(time, data, length);
+        });
+    unit_->allocateRenderResources();
+    renderBlock_ = unit_->renderBlock();
 
-    // As the audio unit allocates: resources first, then every stored value to the kernel.
-    adapter_.allocateRenderResources();
-    for (AUParameter* parameter : parameterTree().allParameters())
-        adapter_.setParameter(parameter, parameter->value());
-    renderBlock_ = adapter_.internalRenderBlock();
-
-    callFrames_ = std::min(blockFrames_, adapter_.maximumFramesToRender());
+    callFrames_ = std::min(blockFrames_, unit_->maximumFramesToRender());
     outputSamples_.assign(std::size_t(channels_) * callFrames_, 0.0f);
     outputList_.mNumberBuffers = channels_;
 }
 
 OfflineRenderer::~OfflineRenderer() {
-    adapter_.deallocateRenderResources();
+    mainQueue_.discard();
+    unit_->deallocateRenderResources();
 }
 
 void OfflineRenderer::configureBusses() {
     const AVAudioFormat format =
         AVAudioFormat::standardFormatWithSampleRate(sampleRate_, channels_);
-    // The busses admit stereo, but the kernel carries any other layout through untouched;
-    // widening them lets such files through instead of refusing them.
-    for (AUAudioUnitBus* bus : {&adapter_.outputBus(), &adapter_.inputBus()})
-        if (bus->maximumChannelCount() < channels_) bus->setMaximumChannelCount(channels_);
-    if (adapter_.outputBus().setFormat(format) != noErr ||
-        adapter_.inputBus().setFormat(format) != noErr) {
+    // Only stereo is processed, but any other layout is carried through: the busses take it.
+    if (unit_->outputBusses()[0].setFormat(format) != noErr ||
+        unit_->inputBusses()[0].setFormat(format) != noErr) {
         std::ostringstream message;
         message << "the audio unit refuses a sample rate of " << sampleRate_ << " Hz";
         throw std::invalid_argument(message.str());
@@ -70,9 +79,54 @@ bool OfflineRenderer::set(std::string_view id, float value) {
     return parameter && parameter->setValue(value);
 }
 
+OSStatus OfflineRenderer::recordMidiOutput(AUEventSampleTime time, const std::uint8_t* bytes,
+                                           NSInteger length) {
+    // Times at or after "immediate" are offsets into the current call.
+    const std::int64_t frame = time >= AUEventSampleTimeImmediate &&
+                                       time < AUEventSampleTimeImmediate + (std::int64_t(1) << 31)
+                                   ? std::int64_t(sampleTime_) + (time - AUEventSampleTimeImmediate)
+                                   : time;
+    if (!bytes || length <= 0 || length > 0xFFFF || recorded_.size() == recorded_.capacity() ||
+        recordedBytes_.size() + std::size_t(length) > recordedBytes_.capacity()) {
+        ++midiDropped_;
+        return kAudioUnitErr_InvalidParameter;
+    }
+    recorded_.push_back({frame, recordedBytes_.size(), std::uint16_t(length)});
+    recordedBytes_.insert(recordedBytes_.end(), bytes, bytes + length);
+    return noErr;
+}
+
+std::vector<TimedMidiMessage> OfflineRenderer::midiOutput() const {
+    std::vector<TimedMidiMessage> messages;
+    messages.reserve(recorded_.size());
+    for (const RecordedMessage& r : recorded_)
+        messages.push_back({r.frame,
+                            {recordedBytes_.begin() + std::ptrdiff_t(r.offset),
+                             recordedBytes_.begin() + std::ptrdiff_t(r.offset + r.length)}});
+    return messages;
+}
+
+AUAudioFrameCount OfflineRenderer::queueMidi(AUAudioFrameCount frames) {
+    events_->clear();
+    const auto start = std::int64_t(sampleTime_);
+    for (; nextMidi_ < midiInput_.size(); ++nextMidi_) {
+        const TimedMidiMessage& m = midiInput_[nextMidi_];
+        const std::int64_t frame = std::max(m.frame, start);
+        if (frame >= start + std::int64_t(frames)) break;
+        if (m.bytes.empty() || m.bytes.size() > 0xFFFF ||
+            events_->addMIDI(frame, 0, m.bytes.data(), std::uint16_t(m.bytes.size())))
+            continue;
+        // The call's list is full: end the call before this message so it leads the next one.
+        if (frame > start) return AUAudioFrameCount(frame - start);
+        ++midiDropped_;
+    }
+    return frames;
+}
+
 template <typename ReadInput>
-AUAudioUnitStatus OfflineRenderer::renderCall(std::size_t firstFrame, AUAudioFrameCount frames,
+AUAudioUnitStatus OfflineRenderer::renderCall(std::size_t firstFrame, AUAudioFrameCount& frames,
                                               ReadInput& readInput) {
+    frames = queueMidi(frames);
     auto pullInput = [&](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
                          AUAudioFrameCount count, NSInteger,
                          AudioBufferList* input) -> AUAudioUnitStatus {
@@ -97,8 +151,11 @@ AUAudioUnitStatus OfflineRenderer::renderCall(std::size_t firstFrame, AUAudioFra
     timestamp.mSampleTime = sampleTime_;
     AudioUnitRenderActionFlags flags = 0;
     const AUAudioUnitStatus status =
-        renderBlock_(&flags, &timestamp, frames, 0, &outputList_, nullptr, pullInput);
+        renderBlock_(&flags, &timestamp, frames, 0, &outputList_, events_->head(), pullInput);
     if (status == noErr) sampleTime_ += frames;
+    // What the render call handed to the main queue runs before the next call, as a host's
+    // main thread would between two audio cycles.
+    mainQueue_.drain();
     return status;
 }
 
@@ -109,7 +166,7 @@ AUAudioUnitStatus OfflineRenderer::renderFrames(std::size_t frames, ReadInput& r
         const std::size_t blockEnd = std::min(frames, block + blockFrames_);
         // A host block longer than the kernel takes in one call is cut, as host wrappers do.
         for (std::size_t frame = block; frame < blockEnd;) {
-            const auto n = AUAudioFrameCount(std::min<std::size_t>(blockEnd - frame, callFrames_));
+            auto n = AUAudioFrameCount(std::min<std::size_t>(blockEnd - frame, callFrames_));
             if (const AUAudioUnitStatus status = renderCall(frame, n, readInput); status != noErr)
                 return status;
             for (std::uint32_t c = 0; c < channels_; ++c)

@@ -69,7 +69,8 @@ void checkChannels(const std::string& path, std::uint32_t channels) {
     if (channels != 2)
         warn("'" + path + "' has " + std::to_string(channels) +
              (channels == 1 ? " channel" : " channels") +
-             "; only stereo is processed, so it passes through unchanged");
+             "; only stereo goes through the chorus, so it passes through (the output limiter, "
+             "when on, still applies)");
 }
 
 int renderFile(const Options& options) {

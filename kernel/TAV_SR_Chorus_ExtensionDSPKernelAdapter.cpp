@@ -116,6 +116,7 @@ AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
         if (status != noErr) return status;
     }
     AudioBufferList* input = inputBus_.mutableBufferList;
+    inputPeak.measure(input, frameCount);
     if (outputData->mNumberBuffers > 0 && outputData->mBuffers[0].mData == nullptr) {
         // In place: the output is rendered into the input storage.
         for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i) {

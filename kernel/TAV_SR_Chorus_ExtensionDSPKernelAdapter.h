@@ -11,6 +11,7 @@
 #include "kernel/ParameterChangeQueue.h"
 #include "kernel/TAV_SR_Chorus_Extension_DSPKernel.h"
 #include "platform/AUParameterTree.h"
+#include "platform/PeakMeter.h"
 
 class TAV_SR_Chorus_ExtensionDSPKernelAdapter {
 public:
@@ -38,6 +39,8 @@ public:
     bool renderResourcesAllocated() const { return allocated.load(std::memory_order_acquire); }
     void reset();
     float getSamplerate() const { return kernel.getSamplerate(); }
+    // Highest input magnitude pulled since the last call.
+    float getPeakInput() { return inputPeak.take(); }
     void setSamplerate(float sampleRate);
 
     void setAUMIDIOutputEventBlock(AUMIDIOutputEventBlock block);
@@ -77,5 +80,6 @@ private:
 
     std::atomic<bool> allocated{false};
     std::atomic<bool> resetRequested{false};
+    sr::PeakMeter inputPeak;
     sr::ParameterChangeQueue pendingChanges;
 };

@@ -46,11 +46,15 @@ void TAV_SR_Chorus_Extension_DSPKernel::setSamplerate(float rate) {
     if (!(rate >= 1.0f && rate <= 10'000'000.0f)) return;
     sampleRate = rate;
     bandSplitter.setSamplerate(rate);
+    inputGain.setSampleRate(rate);
+    outputGain.setSampleRate(rate);
     globals.SAMPLE_RATE = sr::truncSaturate<int>(rate);
 }
 
 void TAV_SR_Chorus_Extension_DSPKernel::reset() {
     bandSplitter.reset();
+    inputGain.reset(parameters[sr::kVolumeIn].load(std::memory_order_relaxed));
+    outputGain.reset(parameters[sr::kVolumeOut].load(std::memory_order_relaxed));
     effectManager->setParameterChar(0, 127);
     effectManager->setParameterChar(10, 0);
     effectManager->setParameterChar(11, 0);
@@ -133,7 +137,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::handleMIDIEvent(const AUMIDIEvent& midiE
             break;
         }
     }
-    if (!midiOutputEventBlock || !*midiOutputEventBlock || !midiThrough) return;
+    if (!midiThrough || !midiOutputEventBlock || !*midiOutputEventBlock) return;
     (*midiOutputEventBlock)(midiEvent.eventSampleTime, 0, midiEvent.length, midiEvent.bytes());
 }
 
@@ -167,6 +171,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::process(AUAudioFrameCount frameCount,
 }
 
 void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right, int n) {
+    inputGain.process(left, right, n, parameters[sr::kVolumeIn].load(std::memory_order_relaxed));
     bandSplitter.split(left, right, n);
     globals.SOUND_BUFFER_SIZE = n;
     effectManager->process(bandSplitter.getBPLeft(), bandSplitter.getBPRight());
@@ -175,8 +180,10 @@ void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right,
     const float w = parameters[sr::kChorusDryWet].load(std::memory_order_relaxed);
     // At 0 the input stays as it is, bit for bit (the chorus still runs so its lines are warm
     // when the mix opens).
-    if (w == 0.0f) return;
-    const float dry = 1.0f - w;
-    for (int i = 0; i < n; ++i) left[i] = workLeft[size_t(i)] * w + left[i] * dry;
-    for (int i = 0; i < n; ++i) right[i] = workRight[size_t(i)] * w + right[i] * dry;
+    if (w != 0.0f) {
+        const float dry = 1.0f - w;
+        for (int i = 0; i < n; ++i) left[i] = workLeft[size_t(i)] * w + left[i] * dry;
+        for (int i = 0; i < n; ++i) right[i] = workRight[size_t(i)] * w + right[i] * dry;
+    }
+    outputGain.process(left, right, n, parameters[sr::kVolumeOut].load(std::memory_order_relaxed));
 }

@@ -14,6 +14,7 @@
 #include "effects/EffectManager.h"
 #include "kernel/BandSplitFilter3.h"
 #include "kernel/DSPKernel.h"
+#include "kernel/GainRamp.h"
 #include "kernel/ParameterTable.h"
 #include "util/Modulator.h"
 
@@ -66,6 +67,8 @@ private:
     std::array<std::atomic<float>, sr::kParameterCount> parameters;
     Modulator modulator;
     BandSplitFilter3 bandSplitter;
+    GainRamp inputGain;
+    GainRamp outputGain;
     std::atomic<bool> bypassed{false};
     bool midiThrough = false; // nothing sets it: MIDI reaches the parameters elsewhere
     std::atomic<AUAudioFrameCount> maxFramesToRender{4096};

@@ -15,6 +15,9 @@ using AUValue = float;
 using NSInteger = std::int64_t;
 using AudioUnitRenderActionFlags = std::uint32_t;
 
+// Event times at or after this value mean "as soon as possible, plus (time - this)" frames.
+inline constexpr AUEventSampleTime AUEventSampleTimeImmediate = -(AUEventSampleTime(1) << 32);
+
 // Status codes the render path returns.
 enum : OSStatus {
     noErr = 0,

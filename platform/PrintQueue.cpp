@@ -52,10 +52,11 @@ void PrintQueue::run() {
         bool any = false;
         while (popOne()) any = true;
         const std::uint64_t d = dropped.load(std::memory_order_relaxed);
-        if (d != droppedReported) {
-            write("PrintQueue: " + std::to_string(d - droppedReported) +
+        const std::uint64_t reported = droppedReported.load(std::memory_order_relaxed);
+        if (d != reported) {
+            write("PrintQueue: " + std::to_string(d - reported) +
                   " log lines dropped (queue full)\n");
-            droppedReported = d;
+            droppedReported.store(d, std::memory_order_release);
         }
         if (any) {
             std::lock_guard<std::mutex> lock(sinkMutex);
@@ -75,7 +76,10 @@ void PrintQueue::run() {
 void PrintQueue::flush() {
     using namespace std::chrono_literals;
     const std::uint64_t target = pushed.load(std::memory_order_relaxed);
-    while (written.load(std::memory_order_acquire) < target) std::this_thread::sleep_for(1ms);
+    const std::uint64_t droppedTarget = dropped.load(std::memory_order_relaxed);
+    while (written.load(std::memory_order_acquire) < target ||
+           droppedReported.load(std::memory_order_acquire) < droppedTarget)
+        std::this_thread::sleep_for(1ms);
     std::lock_guard<std::mutex> lock(sinkMutex);
     std::fflush(stdout);
 }

@@ -75,7 +75,8 @@ public:
 
     // Any thread, real-time safe. False when the queue was full and the line dropped.
     bool push(std::string_view line);
-    // Blocks (never call on the render thread) until everything pushed so far is written.
+    // Blocks (never call on the render thread) until everything pushed so far is written,
+    // together with the report of any lines dropped before.
     void flush();
     // Where lines go (standard output by default). Not real-time safe.
     void setSink(Sink sink);
@@ -94,7 +95,7 @@ private:
     std::atomic<std::uint64_t> pushed{0};
     std::atomic<std::uint64_t> written{0};
     std::atomic<std::uint64_t> dropped{0};
-    std::uint64_t droppedReported = 0;
+    std::atomic<std::uint64_t> droppedReported{0};
     std::atomic<bool> stopping{false};
     std::mutex sinkMutex;
     Sink sink;

@@ -58,6 +58,14 @@ inline double differenceDb(const std::vector<float>& reference, const std::vecto
     return 10.0 * std::log10((error + 1e-30) / (energy + 1e-30));
 }
 
+// The output limiter's pre-gain of -0.01 dB as the linear factor it multiplies by.
+inline const float kLimiterPreGain = float(std::pow(10.0, -0.01 / 20.0));
+
+inline std::vector<float> scaled(std::vector<float> samples, float gain) {
+    for (float& s : samples) s *= gain;
+    return samples;
+}
+
 inline bool allFinite(const std::vector<float>& samples) {
     return std::all_of(samples.begin(), samples.end(), [](float s) { return std::isfinite(s); });
 }

@@ -37,7 +37,9 @@ namespace {
 using sr::test::allFinite;
 using sr::test::bitIdentical;
 using sr::test::differenceDb;
+using sr::test::kLimiterPreGain;
 using sr::test::peak;
+using sr::test::scaled;
 
 namespace fs = std::filesystem;
 
@@ -251,7 +253,8 @@ TEST(RendererCli, SettingsThatLeaveTheSignalAloneAreBitIdentical) {
     const std::vector<float> input = testSignal(kRate, 2, kRate + 311, 7);
     writeAudio(dir / "in.wav", kRate, 2, input);
 
-    // Chorus Mix 0 by identifier and by address; Effect Bypass at 1 and at any non-zero value.
+    // Chorus Mix 0 by identifier and by address; Effect Bypass at 1 and at any non-zero value;
+    // each with the output limiter off.
     const std::vector<std::vector<std::string>> cases = {
         {"--set", "kChorusDryWet=0"},
         {"--set", "16=0"},
@@ -260,7 +263,7 @@ TEST(RendererCli, SettingsThatLeaveTheSignalAloneAreBitIdentical) {
         {"--set", "kBypass=0.5"},
     };
     for (const auto& settings : cases) {
-        std::vector<std::string> args = {dir / "in.wav", dir / "out.wav"};
+        std::vector<std::string> args = {dir / "in.wav", dir / "out.wav", "--set", "4=0"};
         args.insert(args.end(), settings.begin(), settings.end());
         const ToolRun run = runTool(args);
         ASSERT_EQ(run.exitCode, 0) << settings[0] << " " << run.err;
@@ -272,6 +275,10 @@ TEST(RendererCli, SettingsThatLeaveTheSignalAloneAreBitIdentical) {
     const ToolRun run = runTool({dir / "in.wav", dir / "out.wav", "--set", "kChorusDryWet=0"});
     EXPECT_NE(run.out.find("unit received parameter : address:16, value:0.000000"),
               std::string::npos);
+    // The limiter is on by default: below its threshold it applies only its -0.01 dB pre-gain.
+    const std::optional<Wav> limited = readFloatWav(dir / "out.wav");
+    ASSERT_TRUE(limited);
+    EXPECT_TRUE(bitIdentical(limited->samples, scaled(input, kLimiterPreGain)));
 }
 
 TEST(RendererCli, BlockSizesRenderTheSameWithinMinus40dB) {
@@ -309,15 +316,21 @@ TEST(RendererCli, NonStereoInputPassesThroughUnchangedWithOneWarning) {
     for (int channels : {1, 3, 8}) {
         const std::vector<float> input = testSignal(kRate, channels, kRate / 2 + 5, 11);
         writeAudio(dir / "in.wav", kRate, channels, input);
-        const ToolRun run = runTool({dir / "in.wav", dir / "out.wav"});
-        ASSERT_EQ(run.exitCode, 0) << channels << " channels: " << run.err;
-        ASSERT_EQ(lines(run.err).size(), 1u) << run.err;
-        EXPECT_NE(run.err.find("warning"), std::string::npos) << run.err;
-        const std::optional<Wav> output = readFloatWav(dir / "out.wav");
-        ASSERT_TRUE(output);
-        EXPECT_EQ(output->channels, channels);
-        EXPECT_EQ(output->sampleRate, kRate);
-        EXPECT_TRUE(bitIdentical(output->samples, input)) << channels << " channels";
+        // With the limiter off nothing touches the samples; with it on, only its pre-gain.
+        for (const bool limiter : {false, true}) {
+            const ToolRun run =
+                runTool({dir / "in.wav", dir / "out.wav", "--set", limiter ? "4=1" : "4=0"});
+            ASSERT_EQ(run.exitCode, 0) << channels << " channels: " << run.err;
+            ASSERT_EQ(lines(run.err).size(), 1u) << run.err;
+            EXPECT_NE(run.err.find("warning"), std::string::npos) << run.err;
+            const std::optional<Wav> output = readFloatWav(dir / "out.wav");
+            ASSERT_TRUE(output);
+            EXPECT_EQ(output->channels, channels);
+            EXPECT_EQ(output->sampleRate, kRate);
+            EXPECT_TRUE(
+                bitIdentical(output->samples, limiter ? scaled(input, kLimiterPreGain) : input))
+                << channels << " channels, limiter " << limiter;
+        }
     }
 }
 
@@ -343,7 +356,8 @@ TEST(RendererCli, OutputFormatFollowsTheExtension) {
         {"out.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS, false},
     };
     for (const Case& c : cases) {
-        const ToolRun run = runTool({dir / "in.wav", dir / c.name, "--set", "kChorusDryWet=0"});
+        const ToolRun run = runTool(
+            {dir / "in.wav", dir / c.name, "--set", "kChorusDryWet=0", "--set", "kFinalLimit=0"});
         ASSERT_EQ(run.exitCode, 0) << c.name << ": " << run.err;
         const Audio output = readWithSndfile(dir / c.name);
         EXPECT_EQ(output.info.format, c.format) << c.name;

@@ -1,0 +1,129 @@
+// The object a host talks to: answers the capability queries, exposes the busses and the
+// parameter tree, allocates render resources, and builds the render block that runs the kernel,
+// the optional output limiter, MIDI pass-through and the hand-over of incoming MIDI to the
+// controller mapping on the main queue.
+// Threading: the render block runs on the host's render thread; it only queues work and logs
+// through the print queue. Every other member runs on the host's or the editor's thread (the
+// "main queue"), which is also where the host's executor runs the queued MIDI tasks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "audiounit/AUMIDIMonitor.h"
+#include "audiounit/AUPeakLimiter.h"
+#include "kernel/TAV_SR_Chorus_ExtensionDSPKernelAdapter.h"
+#include "kernel/TAV_SR_Chorus_Extension_Parameters.h"
+#include "platform/AUAudioUnit.h"
+#include "platform/MainQueue.h"
+#include "platform/PeakMeter.h"
+
+// How hosts find the plug-in: an effect ('aufx'), subtype 'srCh' (selective-range chorus),
+// manufacturer 'TAVs'. Presets and saved state carry these codes and are checked against them.
+inline constexpr AudioComponentDescription kTAVSRChorusComponentDescription{
+    kAudioUnitType_Effect, fourCharCode("srCh"), fourCharCode("TAVs"), 0, 0};
+
+// MIDI status nibbles the controller mapping looks at.
+enum : std::uint8_t {
+    STATUS_CONTROLLER = 0xB0,
+    STATUS_PROGRAM = 0xC0,
+    STATUS_PITCHBEND = 0xE0,
+};
+
+// A size at which a host offers to show the editor.
+struct AUAudioUnitViewConfiguration {
+    double width = 0;
+    double height = 0;
+    bool hostHasController = false;
+};
+
+class TAV_SR_Chorus_Extension_AudioUnit : public AUAudioUnit {
+public:
+    static constexpr const char* kMIDIOutputName = "TAV SR Chorus MIDI Out";
+
+    // The executor runs the MIDI tasks the render block hands over; it must outlive this object,
+    // and its owner drains or discards it before destroying this object.
+    TAV_SR_Chorus_Extension_AudioUnit(const AudioComponentDescription& description,
+                                      sr::MainQueueExecutor& mainQueue,
+                                      AudioComponentInstantiationOptions options = 0);
+    ~TAV_SR_Chorus_Extension_AudioUnit() override;
+
+    // Capability answers.
+    double latency() const;
+    double tailTime() const;
+    bool canPerformInput() const;
+    bool canPerformOutput() const;
+    bool canProcessInPlace() const;
+    bool isMusicDeviceOrEffect() const;
+    std::vector<NSInteger> channelCapabilities() const;
+    NSInteger virtualMIDICableCount() const;
+    std::vector<std::string> MIDIOutputNames() const;
+    bool supportsUserPresets() const;
+
+    // The busses are the wrapped limiter's: a host's formats reach it directly.
+    AUAudioUnitBusArray& inputBusses() override;
+    AUAudioUnitBusArray& outputBusses() override;
+    AUParameterTree* parameterTree() override;
+    // The tree is built by the plug-in; a host cannot replace it.
+    void setParameterTree(AUParameterTree* tree);
+    std::vector<AUParameterAddress> parametersForOverview(NSInteger count) const;
+    std::vector<std::size_t>
+    supportedViewConfigurations(const std::vector<AUAudioUnitViewConfiguration>& offered) const;
+
+    void setMaximumFramesToRender(AUAudioFrameCount frames) override;
+    void setShouldBypassEffect(bool bypass) override;
+    AUMIDIOutputEventBlock MIDIOutputEventBlock() const override;
+    void setMIDIOutputEventBlock(AUMIDIOutputEventBlock block) override;
+    void reset() override;
+
+    double getSamplerate();
+    // Highest magnitude seen since the last call (input before, output after the limiter).
+    float getPeakInput();
+    float getPeakOutput();
+    // The oldest MIDI event the editor has not seen yet.
+    std::optional<AUMIDIEventEx> getMonitorEvents();
+
+    // Throws AUAudioUnitError when the limiter cannot render in the busses' format.
+    void allocateRenderResources() override;
+    void deallocateRenderResources() override;
+    AURenderBlock internalRenderBlock() override;
+
+    // Incoming MIDI and the controller mapping.
+    void processIncomingEvents(const AURenderEvent* event);
+    void _processIncomingEvents(std::uint8_t status, std::uint8_t channel, std::uint8_t data1,
+                                std::uint8_t data2);
+    void setController(std::uint8_t controller, std::uint8_t value);
+    void setParameter(std::int32_t address, AUValue value);
+    AUValue getParameter(std::int32_t address);
+    void traceEvent(const AURenderEvent* event, NSInteger outputBusNumber, NSInteger instance);
+
+    // Pushes every parameter of the tree to the kernel.
+    void updateParameters();
+
+    TAV_SR_Chorus_ExtensionDSPKernelAdapter& kernelAdapter() { return *kernelAdapter_; }
+    AUPeakLimiter& effect() { return *effect_; }
+    PeakLimiterUnit& wrapped() { return effect_->audioUnit(); }
+    AUMIDIMonitor& monitor() { return monitor_; }
+    // This object's number among the audio units created in the process, from 1.
+    NSInteger instanceNumber() const { return instance; }
+
+private:
+    void setSamplerate();
+    void propagateFormats();
+    AUAudioUnitStatus renderWithLimiter(AURenderBlock& wrappedBlock,
+                                        AudioUnitRenderActionFlags* actionFlags,
+                                        const AudioTimeStamp* timestamp,
+                                        AUAudioFrameCount frameCount, AudioBufferList* outputData);
+
+    const NSInteger instance;
+    sr::MainQueueExecutor& mainQueue;
+    std::unique_ptr<TAV_SR_Chorus_ExtensionDSPKernelAdapter> kernelAdapter_;
+    std::unique_ptr<TAV_SR_Chorus_Extension_Parameters> parameters;
+    std::unique_ptr<AUPeakLimiter> effect_;
+    AUMIDIMonitor monitor_;
+    sr::PeakMeter outputPeak;
+};
