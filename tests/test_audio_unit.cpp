@@ -3,8 +3,10 @@
 // runs on the main queue.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kernel/ParameterTable.h"
@@ -387,6 +389,45 @@ TEST(AudioUnitMIDI, ParameterAccessByAddressReportsUnknownAddresses) {
     EXPECT_EQ(log.matching("getParameter()"),
               std::vector<std::string>(2, "TAV_SR_Chorus_Extension_AudioUnit::getParameter() : "
                                           "ERROR: The parameter could not be found."));
+}
+
+} // namespace
+
+namespace {
+
+// A render thread with MIDI while the main thread sets parameters, reads them and runs the
+// queued MIDI tasks: the two share only queues and atomics (clean under ThreadSanitizer).
+TEST(AudioUnitThreads, RenderAndMainThreadsWorkTogether) {
+    AudioUnitHost host;
+    host.parameter(19).setValue(1.0f); // Chorus Depth on controller 1
+    std::atomic<bool> done{false};
+    std::thread render([&] {
+        const Stereo in = sr::test::noise(128);
+        Stereo out(128);
+        RenderEventList<> events;
+        for (int call = 0; call < 500; ++call) {
+            events.clear();
+            sr::test::addMIDI(events, AUEventSampleTime(host.time.mSampleTime),
+                              {0xB0, 1, std::uint8_t(call % 128)});
+            host.renderCall(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 128,
+                            events.head());
+        }
+        done = true;
+    });
+    int round = 0;
+    while (!done) {
+        host.parameter(sr::kChorusFeedback).setValue(float(round % 10) / 10.0f);
+        (void)host.unit.getParameter(sr::kChorusDepth);
+        host.mainQueue.drain();
+        host.unit.setShouldBypassEffect(round % 7 == 0);
+        ++round;
+    }
+    render.join();
+    host.mainQueue.drain();
+    host.unit.setShouldBypassEffect(false);
+    Stereo in(64), out(64);
+    host.renderCall(in.left.data(), in.right.data(), out.left.data(), out.right.data(), 64);
+    EXPECT_EQ(host.kernelValue(sr::kChorusDepth), float(499 % 128) / 127.0f);
 }
 
 } // namespace
