@@ -1,9 +1,5 @@
 #include "cli/SoundFiles.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
@@ -14,6 +10,7 @@
 #include <vector>
 
 #include "cli/Errors.h"
+#include "platform/AtomicFile.h"
 
 namespace sr::cli {
 
@@ -67,32 +64,6 @@ bool isPcm(int format) {
 }
 
 // The permissions a newly created file gets (mkstemp would leave it private to the user).
-mode_t newFileMode() {
-    const mode_t mask = ::umask(0);
-    ::umask(mask);
-    return 0666 & ~mask;
-}
-
-// Reserves a unique hidden name next to `path`, in the same file system so rename() is atomic.
-std::string createTempFile(const std::string& path) {
-    const std::filesystem::path target(path);
-    const std::filesystem::path folder = target.has_parent_path() ? target.parent_path() : ".";
-    std::string name = (folder / ("." + target.filename().string() + ".XXXXXX")).string();
-    std::vector<char> buffer(name.begin(), name.end());
-    buffer.push_back('\0');
-    const int fd = ::mkstemp(buffer.data());
-    if (fd < 0)
-        throw Error("cannot create a file in '" + folder.string() + "': " + std::strerror(errno));
-    name = buffer.data();
-    const bool ok = ::fchmod(fd, newFileMode()) == 0;
-    const int savedErrno = errno;
-    if (::close(fd) != 0 || !ok) {
-        ::unlink(name.c_str());
-        throw Error("cannot prepare '" + name + "': " + std::strerror(ok ? errno : savedErrno));
-    }
-    return name;
-}
-
 } // namespace
 
 int outputFormatFor(const std::string& path) {
@@ -149,8 +120,12 @@ OutputFile::OutputFile(std::string p, int format, int sampleRate, std::uint32_t 
         throw UsageError("cannot write " + std::to_string(channels) + " channel(s) at " +
                          std::to_string(sampleRate) + " Hz as '." + extensionOf(path) + "'");
 
-    tempPath = createTempFile(path);
-    file = sf_open(tempPath.c_str(), SFM_WRITE, &info);
+    try {
+        temp = std::make_unique<AtomicFile>(path);
+    } catch (const FileError& e) {
+        throw Error(e.what());
+    }
+    file = sf_open(temp->temporaryPath().c_str(), SFM_WRITE, &info);
     if (!file) {
         const std::string reason = sf_strerror(nullptr);
         discard();
@@ -172,8 +147,7 @@ OutputFile::~OutputFile() {
 void OutputFile::discard() {
     if (file) sf_close(file); // the file is thrown away: how closing went no longer matters
     file = nullptr;
-    if (!tempPath.empty()) ::unlink(tempPath.c_str());
-    tempPath.clear();
+    temp.reset();
 }
 
 void OutputFile::write(const float* interleaved, std::size_t frames) {
@@ -186,8 +160,11 @@ void OutputFile::commit() {
     file = nullptr;
     if (const int code = sf_close(f); code != 0)
         throw Error("cannot finish '" + path + "': " + sf_error_number(code));
-    if (std::rename(tempPath.c_str(), path.c_str()) != 0)
-        throw Error("cannot move the output into '" + path + "': " + std::strerror(errno));
+    try {
+        temp->commit();
+    } catch (const FileError& e) {
+        throw Error(e.what());
+    }
     committed = true;
 }
 

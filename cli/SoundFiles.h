@@ -4,8 +4,11 @@
 
 #include <sndfile.h>
 
+#include "platform/AtomicFile.h"
+
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace sr::cli {
@@ -55,7 +58,7 @@ private:
     void discard();
 
     std::string path;
-    std::string tempPath;
+    std::unique_ptr<AtomicFile> temp;
     SNDFILE* file = nullptr;
     bool committed = false;
 };
