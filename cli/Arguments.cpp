@@ -127,6 +127,11 @@ Options parseArguments(int argc, const char* const* argv) {
         } else if (option == "--block") {
             options.blockFrames = parseBlock(reader.valueFor(option, inlineValue));
             continue;
+        } else if (option == "--midi" || option == "--midi-out") {
+            const std::string_view path = reader.valueFor(option, inlineValue);
+            if (path.empty()) throw UsageError(std::string(option) + " needs a file");
+            (option == "--midi" ? options.midiInput : options.midiOutput) = path;
+            continue;
         } else if (option == "--demo") {
             const std::string_view directory = reader.valueFor(option, inlineValue);
             if (directory.empty()) throw UsageError("--demo needs a directory");
@@ -145,7 +150,8 @@ std::string usageText() {
     const std::string maxBlock = std::to_string(OfflineRenderer::kMaxBlockFrames);
     const std::string maxCall =
         std::to_string(TAV_SR_Chorus_ExtensionDSPKernelAdapter::kDefaultMaximumFramesToRender);
-    return "usage: sr-chorus-render IN OUT [--set ID=VALUE]... [--block N]\n"
+    return "usage: sr-chorus-render IN OUT [--set ID=VALUE]... [--block N] [--midi FILE.mid]\n"
+           "                        [--midi-out FILE.mid]\n"
            "       sr-chorus-render --demo DIR [--set ID=VALUE]... [--block N]\n"
            "       sr-chorus-render --list | --help\n"
            "\n"
@@ -158,12 +164,16 @@ std::string usageText() {
            "  --block N       frames per render call, 1 to " +
            maxBlock + " (default 512); longer blocks\n" +
            "                  are cut into calls of at most " + maxCall + " frames\n" +
+           "  --midi FILE     play a standard MIDI file (format 0 or 1) into the plug-in\n"
+           "                  while rendering: controllers move the controls bound to them\n"
+           "  --midi-out FILE write what the plug-in sends on its MIDI output as a MIDI file\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
            "                  and write DIR/demo-dry.wav and DIR/demo-wet.wav\n"
            "  --list          list the parameters with their ranges and defaults\n"
            "  --help          show this text\n"
            "\n"
-           "Only stereo is processed; other layouts (up to 8 channels) pass through unchanged.\n";
+           "Only stereo goes through the chorus; other layouts (up to 8 channels) pass through\n"
+           "(the output limiter, on by default, still applies its -0.01 dB pre-gain).\n";
 }
 
 } // namespace sr::cli

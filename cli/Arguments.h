@@ -18,6 +18,8 @@ struct Options {
     std::string input;
     std::string output;
     std::string demoDirectory; // set by --demo
+    std::string midiInput;     // --midi: a standard MIDI file played into the plug-in
+    std::string midiOutput;    // --midi-out: where the plug-in's MIDI output is written
     std::vector<ParameterSetting> settings;
     std::uint32_t blockFrames = 512;
     bool list = false;

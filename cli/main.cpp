@@ -13,6 +13,7 @@
 #include "cli/Arguments.h"
 #include "cli/DemoSignal.h"
 #include "cli/Errors.h"
+#include "cli/MidiFiles.h"
 #include "cli/OfflineRenderer.h"
 #include "cli/ProgressBar.h"
 #include "cli/SoundFiles.h"
@@ -73,11 +74,26 @@ void checkChannels(const std::string& path, std::uint32_t channels) {
              "when on, still applies)");
 }
 
+// The --midi file's messages, read before any output exists so a bad file costs nothing.
+std::vector<TimedMidiMessage> midiInput(const Options& options, double sampleRate) {
+    if (options.midiInput.empty()) return {};
+    return readMidiFile(options.midiInput, sampleRate);
+}
+
+void finishMidi(const Options& options, const OfflineRenderer& renderer) {
+    if (renderer.midiDropped() > 0)
+        warn(std::to_string(renderer.midiDropped()) +
+             " MIDI messages were dropped (too many at one frame)");
+    if (!options.midiOutput.empty())
+        writeMidiFile(options.midiOutput, renderer.midiOutput(), renderer.sampleRate());
+}
+
 int renderFile(const Options& options) {
     const int format = outputFormatFor(options.output);
     InputFile input(options.input);
     checkChannels(options.input, input.channels());
-    OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames);
+    OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
+                             midiInput(options, input.sampleRate()));
     applySettings(renderer, options.settings);
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
@@ -94,6 +110,7 @@ int renderFile(const Options& options) {
     }
     progress.finish();
     input.close();
+    finishMidi(options, renderer);
     output.commit();
     return 0;
 }
@@ -119,7 +136,8 @@ int runDemo(const Options& options) {
 
     const DemoSignal dry = makeDemoSignal();
     std::vector<float> wet(dry.samples.size());
-    OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames);
+    OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
+                             midiInput(options, DemoSignal::kSampleRate));
     applySettings(renderer, options.settings);
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
@@ -131,6 +149,7 @@ int runDemo(const Options& options) {
         throwIfInterrupted();
     }
     progress.finish();
+    finishMidi(options, renderer);
 
     const std::string dryPath = (directory / "demo-dry.wav").string();
     const std::string wetPath = (directory / "demo-wet.wav").string();

@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(
     build-essential cmake pkg-config clang-format
-    libsndfile1-dev
+    libsndfile1-dev libsmf-dev
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 missing=()

@@ -27,7 +27,9 @@
 #include <thread>
 #include <vector>
 
+#include "cli/MidiFiles.h"
 #include "kernel/ParameterTable.h"
+#include "tests/SmfBytes.h"
 #include "tests/TestSignals.h"
 
 extern char** environ;
@@ -425,6 +427,66 @@ TEST(RendererCli, ValuesAtTheEndsOfTheirRangesAreAccepted) {
     EXPECT_TRUE(readFloatWav(dir / "out.wav"));
 }
 
+// ---- MIDI ---------------------------------------------------------------------------------------
+
+// Chorus Mix listens to controller 24 by default. A file closes the mix (controller value 0) at
+// the start and opens it fully (127) after one second, with a note and a pitch bend besides;
+// with the limiter off, the output is the input itself while the mix is closed.
+TEST(RendererCli, AMidiFileMovesTheBoundControlAndComesOutUnchanged) {
+    namespace smf = sr::test::smf;
+    const fs::path dir = freshDirectory("midi");
+    constexpr int kRate = 48000;
+    constexpr std::size_t kFrames = 2 * kRate;
+    const std::vector<float> input = testSignal(kRate, 2, kFrames, 9);
+    writeAudio(dir / "in.wav", kRate, 2, input);
+    // Format 1: tempo 120 bpm at 480 ticks a beat in the first track, so 960 ticks = 1 s.
+    const smf::Bytes conductor = smf::concat({smf::tempo(0, 500000), smf::kEndOfTrack});
+    const smf::Bytes music = smf::concat(
+        {smf::event(0, {0xB0, 24, 0}), smf::event(480, {0x95, 60, 90}),
+         smf::event(240, {0xE5, 0x00, 0x50}), smf::event(240, {0xBF, 24, 127}), smf::kEndOfTrack});
+    const smf::Bytes file =
+        smf::concat({smf::header(1, 2, 480), smf::track(conductor), smf::track(music)});
+    std::ofstream(dir / "sweep.mid", std::ios::binary)
+        .write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
+
+    const ToolRun run = runTool({dir / "in.wav", dir / "out.wav", "--set", "kFinalLimit=0",
+                                 "--midi", dir / "sweep.mid", "--midi-out", dir / "out.mid"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    const std::optional<Wav> output = readFloatWav(dir / "out.wav");
+    ASSERT_TRUE(output);
+    ASSERT_EQ(output->frames(), kFrames);
+
+    // Changes arrive at the start of the render call (512 frames each) after their event's.
+    const auto span = [](const std::vector<float>& s, std::size_t from, std::size_t to) {
+        return std::vector<float>(s.begin() + std::ptrdiff_t(2 * from),
+                                  s.begin() + std::ptrdiff_t(2 * to));
+    };
+    EXPECT_TRUE(bitIdentical(span(output->samples, 512, kRate), span(input, 512, kRate)));
+    EXPECT_GT(differenceDb(span(input, kRate + 1024, kFrames),
+                           span(output->samples, kRate + 1024, kFrames)),
+              -10.0);
+    EXPECT_NE(run.out.find("unit received parameter : address:16, value:1.000000"),
+              std::string::npos);
+
+    // What left the MIDI output is what came in, at the same frames.
+    const std::vector<sr::cli::TimedMidiMessage> in =
+        sr::cli::readMidiFile(dir / "sweep.mid", kRate);
+    ASSERT_EQ(in.size(), 4u);
+    EXPECT_EQ(in[3].frame, kRate);
+    EXPECT_EQ(sr::cli::readMidiFile(dir / "out.mid", kRate), in);
+    std::ifstream written(dir / "out.mid", std::ios::binary);
+    const smf::Bytes bytes((std::istreambuf_iterator<char>(written)),
+                           std::istreambuf_iterator<char>());
+    const smf::ParsedFile parsed = smf::parse(bytes);
+    EXPECT_EQ(parsed.format, 0);
+    ASSERT_EQ(parsed.trackEvents.size(), 1u);
+    std::vector<smf::Bytes> messages;
+    for (const smf::ParsedEvent& e : parsed.trackEvents[0])
+        if (e.bytes[0] != 0xFF) messages.push_back(e.bytes);
+    EXPECT_EQ(messages, (std::vector<smf::Bytes>{
+                            {0xB0, 24, 0}, {0x95, 60, 90}, {0xE5, 0x00, 0x50}, {0xBF, 24, 127}}));
+}
+
 // ---- bad input ----------------------------------------------------------------------------------
 
 TEST(RendererCli, BadInputFailsWithOneLineAndLeavesNoFileBehind) {
@@ -477,6 +539,11 @@ TEST(RendererCli, BadInputFailsWithOneLineAndLeavesNoFileBehind) {
         {"--set", "kChorusDryWet=0"},
         {in, out, dir / "third.wav"},
         {"--demo", dir / "demo", in},
+        // MIDI files: refused before any output exists
+        {in, out, "--midi", dir / "garbage.wav"},
+        {in, out, "--midi", dir / "missing.mid"},
+        {in, out, "--midi"},
+        {in, out, "--midi-out", dir / "no-such-folder" / "out.mid"},
     };
     for (const auto& args : cases) {
         std::string shown;
