@@ -12,6 +12,7 @@
 #include "platform/MainQueue.h"
 #include "platform/PrintQueue.h"
 #include "platform/RenderEventList.h"
+#include "tests/RenderHarness.h"
 #include "tests/TestSignals.h"
 
 namespace sr::test {
@@ -106,21 +107,7 @@ public:
     AUAudioUnitStatus renderCall(const float* inL, const float* inR, float* outL, float* outR,
                                  AUAudioFrameCount n, const AURenderEvent* events = nullptr,
                                  NSInteger bus = 0) {
-        auto pull = [&](AudioUnitRenderActionFlags*, const AudioTimeStamp*, AUAudioFrameCount f,
-                        NSInteger, AudioBufferList* in) -> AUAudioUnitStatus {
-            ++pulls;
-            std::copy_n(inL, f, static_cast<float*>(in->mBuffers[0].mData));
-            std::copy_n(inR, f, static_cast<float*>(in->mBuffers[1].mData));
-            return noErr;
-        };
-        AudioBufferList out;
-        out.mNumberBuffers = 2;
-        out.mBuffers[0] = {1, n * 4, outL};
-        out.mBuffers[1] = {1, n * 4, outR};
-        AudioUnitRenderActionFlags flags = 0;
-        const AUAudioUnitStatus status = block(&flags, &time, n, bus, &out, events, pull);
-        time.mSampleTime += n;
-        return status;
+        return renderStereoCall(block, time, inL, inR, outL, outR, n, events, bus, &pulls);
     }
 
     // Renders the whole input in calls of blockSize frames, draining the main queue after each.

@@ -13,6 +13,31 @@
 
 namespace sr::test {
 
+// One out-of-place stereo render call of n frames through a render block, on output bus `bus`,
+// with `events` stamped on the call's timeline; the time stamp then advances by n. Counts the
+// block's input pulls in `pulls` when given.
+inline AUAudioUnitStatus renderStereoCall(const AURenderBlock& block, AudioTimeStamp& time,
+                                          const float* inL, const float* inR, float* outL,
+                                          float* outR, AUAudioFrameCount n,
+                                          const AURenderEvent* events = nullptr, NSInteger bus = 0,
+                                          int* pulls = nullptr) {
+    auto pull = [&](AudioUnitRenderActionFlags*, const AudioTimeStamp*, AUAudioFrameCount f,
+                    NSInteger, AudioBufferList* in) -> AUAudioUnitStatus {
+        if (pulls) ++*pulls;
+        std::copy_n(inL, f, static_cast<float*>(in->mBuffers[0].mData));
+        if (in->mNumberBuffers > 1) std::copy_n(inR, f, static_cast<float*>(in->mBuffers[1].mData));
+        return noErr;
+    };
+    AudioBufferList out;
+    out.mNumberBuffers = 2;
+    out.mBuffers[0] = {1, n * 4, outL};
+    out.mBuffers[1] = {1, n * 4, outR};
+    AudioUnitRenderActionFlags flags = 0;
+    const AUAudioUnitStatus status = block(&flags, &time, n, bus, &out, events, pull);
+    time.mSampleTime += n;
+    return status;
+}
+
 class RenderHarness {
 public:
     explicit RenderHarness(double sampleRate = 48000.0, std::uint32_t channels = 2)
@@ -35,21 +60,7 @@ public:
     // timeline. Returns the block's status.
     AUAudioUnitStatus renderCall(const float* inL, const float* inR, float* outL, float* outR,
                                  AUAudioFrameCount n, const AURenderEvent* events = nullptr) {
-        auto pull = [&](AudioUnitRenderActionFlags*, const AudioTimeStamp*, AUAudioFrameCount f,
-                        NSInteger, AudioBufferList* in) -> AUAudioUnitStatus {
-            std::copy_n(inL, f, static_cast<float*>(in->mBuffers[0].mData));
-            if (in->mNumberBuffers > 1)
-                std::copy_n(inR, f, static_cast<float*>(in->mBuffers[1].mData));
-            return noErr;
-        };
-        AudioBufferList out;
-        out.mNumberBuffers = 2;
-        out.mBuffers[0] = {1, n * 4, outL};
-        out.mBuffers[1] = {1, n * 4, outR};
-        AudioUnitRenderActionFlags flags = 0;
-        const AUAudioUnitStatus status = block(&flags, &time, n, 0, &out, events, pull);
-        time.mSampleTime += n;
-        return status;
+        return renderStereoCall(block, time, inL, inR, outL, outR, n, events);
     }
 
     // Renders the whole input in calls of blockSize frames.
