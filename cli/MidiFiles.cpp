@@ -14,10 +14,10 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <new>
+#include <iterator>
 #include <numeric>
 #include <stdexcept>
+#include <utility>
 
 #include "cli/Errors.h"
 #include "platform/AtomicFile.h"
@@ -433,6 +433,14 @@ CheckedFile checkStructure(const std::vector<std::uint8_t>& file) {
 
 // ---- writing ------------------------------------------------------------------------------------
 
+// Sizes of the fixed parts of a written file, delta times included.
+constexpr std::size_t kHeaderBytes = 14;
+constexpr std::size_t kTrackHeaderBytes = 8;
+constexpr std::size_t kTempoEventBytes = 7;
+constexpr std::size_t kEndOfTrackBytes = 4;
+constexpr std::size_t kMaxDeltaBytes = 4;
+constexpr std::uint8_t kFiller[] = {0xFF, 0x01, 0x00}; // an empty text event
+
 // Tick rate of a written file: ppqn ticks per quarter note of usPerQuarter microseconds.
 struct WriteTiming {
     std::int64_t ppqn;
@@ -471,13 +479,52 @@ std::int64_t tickForFrame(std::int64_t frame, const WriteTiming& timing, double 
     return tick;
 }
 
-smf_event_t* newEvent(const std::uint8_t* bytes, std::size_t size) {
-    smf_event_t* event = smf_event_new_from_pointer(const_cast<std::uint8_t*>(bytes), int(size));
-    if (!event) throw std::bad_alloc();
-    return event;
+// Bytes taken by a variable-length quantity.
+std::size_t quantityBytes(std::uint32_t value) {
+    std::size_t count = 1;
+    while (value >>= 7) ++count;
+    return count;
 }
 
-// The permissions a newly created file gets (mkstemp would leave it private to the user).
+// Values must be at most kMaxDelta, which four bytes hold.
+void appendQuantity(std::vector<std::uint8_t>& out, std::uint32_t value) {
+    for (int shift = 21; shift > 0; shift -= 7)
+        if (value >> shift) out.push_back(std::uint8_t(0x80 | (value >> shift & 0x7F)));
+    out.push_back(std::uint8_t(value & 0x7F));
+}
+
+// Messages go out whole, status byte included (no running status, which every reader takes);
+// a system exclusive event also has the length of the rest after its 0xF0.
+std::size_t eventBytes(const std::vector<std::uint8_t>& message) {
+    if (message.front() != 0xF0) return message.size();
+    return 1 + quantityBytes(std::uint32_t(message.size() - 1)) + message.size() - 1;
+}
+
+void appendEvent(std::vector<std::uint8_t>& out, const std::vector<std::uint8_t>& message) {
+    if (message.front() == 0xF0) {
+        out.push_back(0xF0);
+        appendQuantity(out, std::uint32_t(message.size() - 1));
+        out.insert(out.end(), message.begin() + 1, message.end());
+    } else {
+        out.insert(out.end(), message.begin(), message.end());
+    }
+}
+
+// Writes all of `bytes` over the existing, empty file at `path`.
+void writeWholeFile(const std::string& path, const std::vector<std::uint8_t>& bytes) {
+    FileDescriptor file(::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC));
+    if (file.fd < 0) refuse(std::strerror(errno));
+    for (std::size_t done = 0; done < bytes.size();) {
+        const ssize_t wrote = ::write(file.fd, bytes.data() + done, bytes.size() - done);
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote < 0) refuse(std::strerror(errno));
+        if (wrote == 0) refuse("the file system took no more data");
+        done += std::size_t(wrote);
+    }
+    // Some file systems only report a failed write when the file is closed.
+    if (::close(std::exchange(file.fd, -1)) != 0) refuse(std::strerror(errno));
+}
+
 } // namespace
 
 std::vector<TimedMidiMessage> readMidiFile(const std::string& path, double sampleRate) {
@@ -540,6 +587,7 @@ void writeMidiFile(const std::string& path, const std::vector<TimedMidiMessage>&
         std::vector<std::int64_t> ticks;
         ticks.reserve(order.size());
         std::size_t events = 2; // the tempo and end-of-track events
+        std::size_t trackBytes = kTempoEventBytes + kEndOfTrackBytes;
         std::int64_t previous = 0;
         for (const TimedMidiMessage* message : order) {
             const std::string where = "message at frame " + std::to_string(message->frame);
@@ -553,46 +601,45 @@ void writeMidiFile(const std::string& path, const std::vector<TimedMidiMessage>&
             if (frameOfTick(tick, timing, sampleRate) != message->frame)
                 refuse(where + " cannot be timed exactly at this sample rate");
             const std::int64_t gap = tick - previous;
-            events += 1 + std::size_t(gap > 0 ? (gap - 1) / kMaxDelta : 0); // fillers, see below
+            // A gap too long for one delta time is bridged with empty text events, which players
+            // skip.
+            const std::int64_t fillers = gap > 0 ? (gap - 1) / kMaxDelta : 0;
+            events += 1 + std::size_t(fillers);
+            trackBytes += std::size_t(fillers) * (kMaxDeltaBytes + sizeof kFiller) +
+                          quantityBytes(std::uint32_t(gap - fillers * kMaxDelta)) +
+                          eventBytes(message->bytes);
             ticks.push_back(tick);
             previous = tick;
         }
         if (events > kMaxMidiFileEvents)
             refuse("more than " + std::to_string(kMaxMidiFileEvents) + " events");
+        // A file the reader would refuse is no use: only long system exclusive data gets here.
+        if (kHeaderBytes + kTrackHeaderBytes + trackBytes > kMaxMidiFileBytes)
+            refuse("it would be larger than " + std::to_string(kMaxMidiFileBytes >> 20) + " MB");
 
-        LibsmfLog log;
-        const SmfOwner owner(smf_new());
-        if (!owner.smf) throw std::bad_alloc();
-        smf_track_t* track = smf_track_new();
-        if (!track) throw std::bad_alloc();
-        smf_add_track(owner.smf, track);
-        if (smf_set_format(owner.smf, 0) != 0 || smf_set_ppqn(owner.smf, int(timing.ppqn)) != 0)
-            refuse(log.complained() ? log.firstComplaint() : "libsmf refused the header");
-        std::vector<std::uint8_t> tempo{0xFF, 0x51, 0x03};
-        appendBigEndian(tempo, std::uint32_t(timing.usPerQuarter), 3);
-        smf_track_add_event_pulses(track, newEvent(tempo.data(), tempo.size()), 0);
-        // A gap too long for one delta time is bridged with empty text events, which players skip.
-        const std::uint8_t filler[] = {0xFF, 0x01, 0x00};
+        std::vector<std::uint8_t> out;
+        out.reserve(kHeaderBytes + kTrackHeaderBytes + trackBytes);
+        out.insert(out.end(), {'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1}); // format 0, 1 track
+        appendBigEndian(out, std::uint32_t(timing.ppqn), 2);
+        out.insert(out.end(), {'M', 'T', 'r', 'k'});
+        appendBigEndian(out, std::uint32_t(trackBytes), 4);
+        out.insert(out.end(), {0x00, 0xFF, 0x51, 0x03});
+        appendBigEndian(out, std::uint32_t(timing.usPerQuarter), 3);
         std::int64_t last = 0;
         for (std::size_t i = 0; i < order.size(); ++i) {
             while (ticks[i] - last > kMaxDelta) {
                 last += kMaxDelta;
-                smf_track_add_event_pulses(track, newEvent(filler, sizeof filler), int(last));
+                appendQuantity(out, kMaxDelta);
+                out.insert(out.end(), std::begin(kFiller), std::end(kFiller));
             }
-            const std::vector<std::uint8_t>& bytes = order[i]->bytes;
-            smf_track_add_event_pulses(track, newEvent(bytes.data(), bytes.size()), int(ticks[i]));
+            appendQuantity(out, std::uint32_t(ticks[i] - last));
+            appendEvent(out, order[i]->bytes);
             last = ticks[i];
         }
+        out.insert(out.end(), {0x00, 0xFF, 0x2F, 0x00});
 
         AtomicFile temp(path);
-        if (smf_save(owner.smf, temp.temporaryPath().c_str()) != 0 || log.complained())
-            refuse(log.complained() ? log.firstComplaint() : "libsmf could not save it");
-        // A file the reader would refuse is no use: only long system exclusive data gets here.
-        std::error_code error;
-        if (std::filesystem::file_size(temp.temporaryPath(), error) > kMaxMidiFileBytes || error)
-            refuse(error ? error.message()
-                         : "it would be larger than " + std::to_string(kMaxMidiFileBytes >> 20) +
-                               " MB");
+        writeWholeFile(temp.temporaryPath(), out);
         temp.commit();
     } catch (const Refusal& refusal) {
         throw Error("cannot write '" + path + "': " + refusal.what());

@@ -1,5 +1,5 @@
-// Standard MIDI files for the renderer, through libsmf: events to feed the plug-in at their
-// sample times, and the plug-in's MIDI output kept as a file.
+// Standard MIDI files for the renderer: events to feed the plug-in at their sample times, read
+// through libsmf, and the plug-in's MIDI output kept as a file, written here directly.
 #pragma once
 
 #include <cstddef>
