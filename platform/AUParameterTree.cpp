@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdio>
+#include <thread>
 
 #include "platform/PrintQueue.h"
 
@@ -16,30 +17,82 @@ std::string AUParameterNode::keyPath() const {
     return path;
 }
 
+namespace {
+// How deep the current thread is in observer calls: a removal from inside one must not wait for
+// the call it is part of.
+thread_local int notifyDepth = 0;
+} // namespace
+
+// Slot states besides a live token: being emptied by a waiting removal, or given up from inside
+// its own call and emptied by a later add.
+constexpr AUParameterObserverToken kFree = 0;
+constexpr AUParameterObserverToken kEmptying = ~AUParameterObserverToken(0);
+constexpr AUParameterObserverToken kAbandoned = kEmptying - 1;
+
+AUParameterObserverToken ParameterObserverSlots::add(AUParameterObserver observer) {
+    std::lock_guard<std::mutex> lock(writers);
+    for (Slot& slot : slots) {
+        const AUParameterObserverToken state = slot.token.load();
+        if (state != kFree && (state != kAbandoned || slot.callers.load() != 0)) continue;
+        slot.observer = std::move(observer);
+        const AUParameterObserverToken token = nextToken.fetch_add(1);
+        slot.token.store(token); // publishes the observer
+        return token;
+    }
+    sr::debugprint("AUParameterTree : ERROR: too many parameter observers, one was refused\n");
+    return 0;
+}
+
+void ParameterObserverSlots::remove(AUParameterObserverToken token) {
+    if (token == kFree || token >= kAbandoned) return;
+    Slot* found = nullptr;
+    {
+        std::lock_guard<std::mutex> lock(writers);
+        for (Slot& slot : slots)
+            if (slot.token.load() == token) found = &slot;
+        if (!found) return;
+        if (notifyDepth > 0) {
+            // Inside an observer call (maybe this very one): it cannot be waited for here.
+            found->token.store(kAbandoned);
+            return;
+        }
+        found->token.store(kEmptying);
+    }
+    // Calls that saw the token before it changed finish first; waited for without the lock, so
+    // an observer running meanwhile may still add or remove others.
+    while (found->callers.load() != 0) std::this_thread::yield();
+    std::lock_guard<std::mutex> lock(writers);
+    found->observer = nullptr;
+    found->token.store(kFree);
+}
+
+void ParameterObserverSlots::notify(AUParameterAddress address, AUValue value,
+                                    AUParameterObserverToken originator) const {
+    ++notifyDepth;
+    for (const Slot& slot : slots) {
+        const AUParameterObserverToken token = slot.token.load();
+        if (token == kFree || token >= kAbandoned || token == originator) continue;
+        // Counted before the token is checked again: a removal either sees this call and waits
+        // for it, or this call sees the removal and skips the slot.
+        slot.callers.fetch_add(1);
+        if (slot.token.load() == token) slot.observer(address, value);
+        slot.callers.fetch_sub(1);
+    }
+    --notifyDepth;
+}
+
 AUParameterObserverToken AUParameterNode::tokenByAddingParameterObserver(AUParameterObserver o) {
-    const AUParameterObserverToken token = nextToken.fetch_add(1);
-    std::lock_guard<std::mutex> lock(observerMutex);
-    observers.emplace_back(token, std::move(o));
-    return token;
+    return observers.add(std::move(o));
 }
 
 void AUParameterNode::removeParameterObserver(AUParameterObserverToken token) {
-    std::lock_guard<std::mutex> lock(observerMutex);
-    std::erase_if(observers, [token](const auto& entry) { return entry.first == token; });
+    observers.remove(token);
 }
 
 void AUParameterNode::notifyObservers(AUParameterAddress address, AUValue value,
                                       AUParameterObserverToken originator) {
-    for (AUParameterNode* n = this; n; n = n->parent) {
-        std::vector<AUParameterObserver> toCall;
-        {
-            std::lock_guard<std::mutex> lock(n->observerMutex);
-            for (const auto& [token, observer] : n->observers)
-                if (token != originator) toCall.push_back(observer);
-        }
-        // Called outside the lock so an observer may add or remove observers.
-        for (const auto& observer : toCall) observer(address, value);
-    }
+    for (AUParameterNode* n = this; n; n = n->parent)
+        n->observers.notify(address, value, originator);
 }
 
 AUParameter::AUParameter(std::string identifier, std::string name, AUParameterAddress address,
@@ -60,8 +113,10 @@ AUValue AUParameter::implementorValue() const {
 
 bool AUParameter::store(AUValue& v) {
     if (!std::isfinite(v)) {
-        sr::debugprint("AUParameter::setValue : ERROR: non-finite value refused for '" +
-                       identifier_ + "'\n");
+        sr::LineBuilder<> line;
+        line << "AUParameter::setValue : ERROR: non-finite value refused for '" << identifier_
+             << "'\n";
+        sr::debugprint(line.view());
         return false;
     }
     v = v < min_ ? min_ : (v > max_ ? max_ : v);

@@ -1,7 +1,8 @@
 // The parameter tree a host sees: parameters in groups, observers with tokens, and the
 // implementor callbacks through which the audio unit connects the tree to its kernel.
-// Threading: any non-render thread; observers are guarded by a mutex. The render thread never
-// touches the tree.
+// Threading: values may be set on any thread, the render thread included (a plug-in host may
+// run main-queue tasks there): setting a value and notifying observers never locks or
+// allocates. Building the tree and adding or removing observers happen off the render thread.
 #pragma once
 
 #include <atomic>
@@ -36,6 +37,29 @@ using AUImplementorValueProvider = std::function<AUValue(AUParameter*)>;
 // The value to format, or null for the parameter's current value.
 using AUImplementorStringFromValueCallback =
     std::function<std::string(AUParameter*, const AUValue* value)>;
+
+// The observers of one node, in a fixed number of slots. Notifying only reads atomics, so it is
+// real-time safe; adding and removing are serialised among themselves. An observer may add or
+// remove observers, itself included, from inside its own call.
+class ParameterObserverSlots {
+public:
+    static constexpr std::size_t kCapacity = 16;
+
+    // 0 when every slot is taken.
+    AUParameterObserverToken add(AUParameterObserver observer);
+    void remove(AUParameterObserverToken token);
+    void notify(AUParameterAddress address, AUValue value,
+                AUParameterObserverToken originator) const;
+
+private:
+    struct Slot {
+        std::atomic<AUParameterObserverToken> token{0}; // 0: free
+        mutable std::atomic<int> callers{0};
+        AUParameterObserver observer;
+    };
+    std::mutex writers;
+    Slot slots[kCapacity];
+};
 
 class AUParameterNode {
 public:
@@ -76,8 +100,7 @@ protected:
     std::string identifier_;
     std::string displayName_;
     AUParameterNode* parent = nullptr;
-    std::mutex observerMutex;
-    std::vector<std::pair<AUParameterObserverToken, AUParameterObserver>> observers;
+    ParameterObserverSlots observers;
 };
 
 class AUParameter : public AUParameterNode {

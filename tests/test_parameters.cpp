@@ -2,8 +2,12 @@
 // groups, and what the kernel does with a value by address.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "RenderHarness.h"
 #include "kernel/ParameterTable.h"
@@ -131,6 +135,56 @@ TEST(ParameterTree, ValuesAreClampedAndNonFiniteValuesRefused) {
     parameters.parameterTree().removeParameterObserver(token);
     mix->setValue(0.5f);
     EXPECT_EQ(seen, 1);
+}
+
+// Observers may come and go, from inside their own calls too, while another thread keeps setting
+// values (as a plug-in's render thread does when it runs queued MIDI work).
+TEST(ParameterTree, ObserversComeAndGoSafelyWhileValuesChange) {
+    TAV_SR_Chorus_ExtensionDSPKernelAdapter adapter;
+    TAV_SR_Chorus_Extension_Parameters parameters(adapter);
+    AUParameterTree& tree = parameters.parameterTree();
+    AUParameter* depth = tree.parameterWithAddress(sr::kChorusDepth);
+
+    // One that removes itself and adds another on its first call.
+    int selfCalls = 0, addedCalls = 0;
+    AUParameterObserverToken self = 0, added = 0;
+    self = tree.tokenByAddingParameterObserver([&](AUParameterAddress, AUValue) {
+        ++selfCalls;
+        tree.removeParameterObserver(self);
+        added =
+            tree.tokenByAddingParameterObserver([&](AUParameterAddress, AUValue) { ++addedCalls; });
+    });
+    depth->setValue(0.1f);
+    depth->setValue(0.2f);
+    EXPECT_EQ(selfCalls, 1);
+    EXPECT_GE(addedCalls, 1); // added during a round, it may already see that round
+    tree.removeParameterObserver(added);
+
+    // A fixed number of slots: the seventeenth observer is refused, and slots are reused.
+    std::vector<AUParameterObserverToken> tokens;
+    for (int i = 0; i < 17; ++i)
+        tokens.push_back(tree.tokenByAddingParameterObserver([](AUParameterAddress, AUValue) {}));
+    EXPECT_EQ(std::count(tokens.begin(), tokens.end(), 0u), 1);
+    for (AUParameterObserverToken t : tokens) tree.removeParameterObserver(t);
+
+    // Removal while another thread notifies: nothing is called once removal has returned.
+    std::atomic<bool> stop{false};
+    std::thread setter([&] {
+        for (int i = 0; !stop; ++i) depth->setValue(float(i % 100) / 100.0f);
+    });
+    for (int round = 0; round < 2000; ++round) {
+        std::atomic<bool> removed{false}, lateCall{false};
+        const auto token = tree.tokenByAddingParameterObserver([&](AUParameterAddress, AUValue) {
+            if (removed) lateCall = true;
+        });
+        std::this_thread::yield();
+        tree.removeParameterObserver(token);
+        removed = true;
+        std::this_thread::yield();
+        ASSERT_FALSE(lateCall) << round;
+    }
+    stop = true;
+    setter.join();
 }
 
 class KernelParameters : public ::testing::Test {
