@@ -1,131 +1,93 @@
+#include "effects/EffectManager.h"
 #include "util/BaseClass.h"
 #include "util/SDO.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
+#include <climits>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace {
 
-SDO::CData blob(std::initializer_list<unsigned char> bytes) {
+SDO::CData blob(const char* bytes, int count) {
     SDO::CData data;
-    std::vector<unsigned char> copy(bytes);
-    EXPECT_TRUE(data.Assign(copy.data(), static_cast<int>(copy.size())));
+    EXPECT_TRUE(data.Assign(bytes, count));
     return data;
 }
 
-class Probe : public BaseClass {
-public:
-    void setParameter(int, float) override {}
-    float getParameter(int) override { return 0.0f; }
-};
+// A plain object of the registry's root class.
+using Probe = InertParameterBase;
 
 } // namespace
 
 TEST(SdoData, PaddingLeavesRoomForTheTerminatorInWholeWords) {
-    EXPECT_EQ(SDO::Padding(0), 0);
-    EXPECT_EQ(SDO::Padding(-7), 0);
-    EXPECT_EQ(SDO::Padding(1), 4);
-    EXPECT_EQ(SDO::Padding(3), 4);
-    EXPECT_EQ(SDO::Padding(4), 8);
-    EXPECT_EQ(SDO::Padding(7), 8);
-    EXPECT_EQ(SDO::CString("PART").DataSize(), 8);
+    const int cases[][2] = {{0, 0}, {-7, 0}, {1, 4}, {3, 4}, {4, 8}, {7, 8}, {INT_MAX, 0}};
+    for (auto [n, bytes] : cases) EXPECT_EQ(SDO::Padding(n), bytes) << n;
 }
 
-TEST(SdoString, BuildsNamesAndTheManagerPath) {
-    SDO::CString part("PART");
-    part += -12;
-    EXPECT_STREQ(part.Data(), "PART-12");
-    EXPECT_EQ(part.Length(), 7);
-
+TEST(SdoString, AppendsCopiesAndReadsEmptyAsTheNullMarker) {
     SDO::CString path("MASTER/");
-    path += "PART";
-    path += 0;
-    path += "/INSTRUMENT/INSTRUMENT_EFFECTS/";
-    EXPECT_STREQ(path.c_str(), "MASTER/PART0/INSTRUMENT/INSTRUMENT_EFFECTS/");
-
-    path += nullptr;
-    path += "";
-    EXPECT_STREQ(path.c_str(), "MASTER/PART0/INSTRUMENT/INSTRUMENT_EFFECTS/");
-
+    ((path += "PART") += -12) += nullptr;
+    (path += "") += "/X/";
+    EXPECT_STREQ(path.c_str(), "MASTER/PART-12/X/");
+    EXPECT_EQ(path.Length(), 17);
+    EXPECT_EQ(path.DataSize(), 20);
     SDO::CString copy(path);
     path = "X";
-    EXPECT_STREQ(copy.c_str(), "MASTER/PART0/INSTRUMENT/INSTRUMENT_EFFECTS/");
+    EXPECT_STREQ(copy.c_str(), "MASTER/PART-12/X/");
     copy = copy.c_str() + 7; // a tail of its own text
-    EXPECT_STREQ(copy.c_str(), "PART0/INSTRUMENT/INSTRUMENT_EFFECTS/");
-}
+    EXPECT_STREQ(copy.c_str(), "PART-12/X/");
+    EXPECT_TRUE(path != "Y" && path != nullptr);
 
-TEST(SdoString, EmptyStringReadsAsNullMarker) {
-    SDO::CString empty;
-    SDO::CString fromNull(nullptr);
-    SDO::CString cleared("abc");
+    SDO::CString empty, fromNull(nullptr), cleared("abc");
     cleared = nullptr;
-    for (const SDO::CString* s : {&empty, &fromNull, &cleared}) {
+    copy = empty.Data(); // the marker must not turn into content
+    for (const SDO::CString* s : {&empty, &fromNull, &cleared, &copy}) {
         EXPECT_TRUE(s->Empty());
         EXPECT_STREQ(s->Data(), "(null*)");
         EXPECT_TRUE(*s != "");
         EXPECT_FALSE(*s != "(null*)");
     }
-    // Copying an empty string's text must not turn the marker into content.
-    SDO::CString copy("x");
-    copy = empty.Data();
-    EXPECT_TRUE(copy.Empty());
-
-    EXPECT_TRUE(SDO::CString("abc") != "abd");
-    EXPECT_STREQ(empty.ClassName(), "CString");
-    EXPECT_STREQ(SDO::CData().ClassName(), "CData");
 }
 
+// Every encoding's result lasts until the next encoding on the same thread.
 TEST(SdoData, EncodesBytesInOrderWithUpperCaseHex) {
-    SDO::CData two = blob({0x0A, 0x1B});
-    EXPECT_STREQ(two.Hex2(), "0A1B");
-    EXPECT_STREQ(two.Hex3(), "0A 1B");
-    EXPECT_STREQ(two.Hex4(), "#0A #1B");
-    EXPECT_STREQ(two.Hex5(), "0x0A 0x1B");
+    auto all = [](const SDO::CData& data) {
+        std::string texts;
+        for (auto encode : {&SDO::CData::Hex2, &SDO::CData::Hex3, &SDO::CData::Hex4,
+                            &SDO::CData::Hex5, &SDO::CData::ColorRGB})
+            texts += std::string((data.*encode)()) + "|";
+        return texts;
+    };
+    const SDO::CData two = blob("\x0A\x1B", 2), empty;
+    EXPECT_EQ(all(two), "0A1B|0A 1B|#0A #1B|0x0A 0x1B|#0A1B|");
+    EXPECT_EQ(all(blob("\xFF\x80\x00", 3)), "FF8000|FF 80 00|#FF #80 #00|0xFF 0x80 0x00|#FF8000|");
+    EXPECT_EQ(all(empty), "00|00|#00|0x00|#000000|");
     EXPECT_STREQ(two.XML(0), "<CData encoding='HEX5'>\n\t0x0A 0x1B\n</CData>\n");
     EXPECT_STREQ(two.XML(2), "\t\t<CData encoding='HEX5'>\n\t\t\t0x0A 0x1B\n\t\t</CData>\n");
-
-    SDO::CData colour = blob({0xFF, 0x80, 0x00});
-    EXPECT_STREQ(colour.ColorRGB(), "#FF8000");
-    EXPECT_STREQ(colour.Hex3(), "FF 80 00");
-
-    SDO::CData empty;
-    EXPECT_STREQ(empty.Hex2(), "00");
-    EXPECT_STREQ(empty.Hex3(), "00");
-    EXPECT_STREQ(empty.Hex4(), "#00");
-    EXPECT_STREQ(empty.Hex5(), "0x00");
-    EXPECT_STREQ(empty.ColorRGB(), "#000000");
     EXPECT_STREQ(empty.XML(3), "<CData>\n\tundefined</CData>");
-}
-
-TEST(SdoData, EncodingResultLastsUntilTheNextEncodingOnItsThread) {
-    SDO::CData first = blob({0x0A, 0x1B});
-    const char* hex = first.Hex2();
-    const std::string kept = hex;
     // Neither blob operations nor another thread's encodings touch this thread's result.
+    const char* hex = two.Hex2();
     {
-        SDO::CData other = blob({0xFF});
+        SDO::CData other = blob("\xFF", 1);
         other.Append("\x01", 1);
         std::thread([&] { EXPECT_STREQ(SDO::CData(other).Hex5(), "0xFF 0x01"); }).join();
     }
-    EXPECT_EQ(std::string(hex), kept);
-    EXPECT_STREQ(first.Hex4(), "#0A #1B"); // replaces it with a fresh result
+    EXPECT_STREQ(hex, "0A1B");
 }
 
 TEST(SdoPointerList, KeepsOrderAndRelinksOnDelete) {
     int a = 0, b = 0, c = 0, d = 0;
-    auto contents = [](SDO::CPointerList& list) {
+    SDO::CPointerList list;
+    auto contents = [&list] {
         std::vector<void*> seen;
-        list.Rewind();
-        while (void* p = list.Next()) seen.push_back(p);
+        for (list.Rewind(); void* p = list.Next();) seen.push_back(p);
         return seen;
     };
-    SDO::CPointerList list;
-    list.Push(nullptr);
-    EXPECT_EQ(list.Next(), nullptr);
+    list.Push(nullptr); // ignored
     list.Push(&a);
     list.Push(&b);
     EXPECT_EQ(list.Next(), &b); // the cursor stands on the newest item
@@ -133,20 +95,18 @@ TEST(SdoPointerList, KeepsOrderAndRelinksOnDelete) {
     for (int* p : {&a, &c}) list.Push(p);
     list.Delete(&d); // absent
     list.Delete(&a); // only the first of two
-    EXPECT_EQ(contents(list), (std::vector<void*>{&b, &a, &c}));
+    EXPECT_EQ(contents(), (std::vector<void*>{&b, &a, &c}));
     list.Delete(&b); // head
     list.Delete(&c); // tail
     list.Push(&d);   // must hang on the new tail, not a freed one
-    EXPECT_EQ(contents(list), (std::vector<void*>{&a, &d}));
-    EXPECT_EQ(list.Count(), 2);
-
+    EXPECT_EQ(contents(), (std::vector<void*>{&a, &d}));
     list.Rewind();
     list.Delete(&a); // the cursor's item: the walk continues with its successor
     EXPECT_EQ(list.Next(), &d);
     list.Delete(&d);
-    EXPECT_EQ(list.Count(), 0);
     list.Push(&c);
-    EXPECT_EQ(contents(list), (std::vector<void*>{&c}));
+    EXPECT_EQ(contents(), (std::vector<void*>{&c}));
+    EXPECT_EQ(list.Count(), 1);
 }
 
 TEST(SdoPrinTable, NamesEveryByte) {
@@ -156,75 +116,60 @@ TEST(SdoPrinTable, NamesEveryByte) {
                                "<NAK>", "<SYN>", "<ETB>", "<CAN>", "<EM>",  "<SUB>", "<ESC>",
                                "<FS>",  "<GS>",  "<RS>",  "<US>"};
     SDO::CPrinTable table;
-    for (int i = 0; i < 32; ++i) EXPECT_STREQ(table[static_cast<unsigned char>(i)], control[i]);
-    for (int i = 32; i < 256; ++i) {
-        const char* text = table[static_cast<unsigned char>(i)];
-        ASSERT_EQ(std::strlen(text), 1u) << i;
-        EXPECT_EQ(static_cast<unsigned char>(text[0]), i);
+    for (int i = 0; i < 256; ++i) {
+        const std::string expected = i < 32 ? control[i] : std::string(1, char(i));
+        EXPECT_EQ(table[static_cast<unsigned char>(i)], expected) << i;
     }
 }
 
-TEST(Registry, OnlyNamedObjectsEnterTheList) {
+TEST(Registry, OnlyNamedObjectsEnterAndEveryEntryLeaves) {
     const int before = BaseClass::registeredCount();
-    Probe unnamed, blank, nulled;
+    Probe unnamed, blank, nulled, named, other;
     EXPECT_STREQ(unnamed.getName().Data(), "*");
-    EXPECT_STREQ(unnamed.getPath().Data(), "*");
     blank.setName("");
     nulled.setName(nullptr);
-    EXPECT_TRUE(nulled.getName().Empty());
-    for (Probe* p : {&unnamed, &blank, &nulled}) BaseClass::registerObject(p);
-    BaseClass::registerObject(nullptr);
-    EXPECT_EQ(BaseClass::registeredCount(), before);
-
-    Probe named, other;
     named.setName("INSTRUMENT_EFFECTS");
-    named.setPath("MASTER/PART0/INSTRUMENT/INSTRUMENT_EFFECTS/");
     other.setName("X");
-    BaseClass::registerObject(&named);
-    BaseClass::registerObject(&other);
-    BaseClass::registerObject(&named);
+    for (Probe* p : {&unnamed, &blank, &nulled, static_cast<Probe*>(nullptr)})
+        BaseClass::registerObject(p);
+    EXPECT_EQ(BaseClass::registeredCount(), before);
+    for (Probe* p : {&named, &other, &named}) BaseClass::registerObject(p);
     EXPECT_EQ(BaseClass::registeredCount(), before + 3);
-    BaseClass::unregisterObject(&named); // both entries
-    EXPECT_EQ(BaseClass::registeredCount(), before + 1);
-    BaseClass::unregisterObject(&named);
-    BaseClass::unregisterObject(&unnamed);
+    BaseClass::unregisterObject(&named);   // both entries
+    BaseClass::unregisterObject(&unnamed); // absent
     EXPECT_EQ(BaseClass::registeredCount(), before + 1);
     BaseClass::unregisterObject(&other);
     EXPECT_EQ(BaseClass::registeredCount(), before);
+    // Effect managers with a part name register themselves and leave when destroyed.
+    EffectGlobals globals;
+    {
+        EffectManager part(globals, 3, 1), system(globals, -2, 0), nameless(globals, -3, 1);
+        EXPECT_EQ(BaseClass::registeredCount(), before + 2);
+    }
+    EXPECT_EQ(BaseClass::registeredCount(), before);
 }
 
-TEST(Registry, UniqueAddressCountsLiveObjects) {
-    const int base = BaseClass::instanceCountNow();
-    auto* a = new Probe;
-    auto* b = new Probe;
+TEST(Registry, UniqueAddressCountsLiveObjectsOnEveryThread) {
+    const int base = BaseClass::instanceCountNow(), registered = BaseClass::registeredCount();
+    auto a = std::make_unique<Probe>(), b = std::make_unique<Probe>();
     EXPECT_EQ(a->getUniqueAddress(), base);
     EXPECT_EQ(b->getUniqueAddress(), base + 1);
-    delete a;
-    EXPECT_EQ(BaseClass::instanceCountNow(), base + 1);
+    a.reset();
     Probe c;
     EXPECT_EQ(c.getUniqueAddress(), base + 1);
-    delete b;
-    EXPECT_EQ(BaseClass::instanceCountNow(), base + 1);
-    EXPECT_EQ(c.getMinValue(-1), 0.0f);
-    EXPECT_EQ(c.getMaxValue(0), 1.0f);
-    EXPECT_EQ(c.getDefaultValue(1000), 0.5f);
-}
-
-TEST(Registry, InstancesOnSeveralThreadsKeepTheListConsistent) {
-    const int registered = BaseClass::registeredCount();
-    const int live = BaseClass::instanceCountNow();
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 200; ++i) {
-                Probe p;
-                p.setName("INSTRUMENT_EFFECTS");
-                BaseClass::registerObject(&p);
-                BaseClass::unregisterObject(&p);
-            }
-        });
+    b.reset();
+    {
+        std::vector<std::jthread> threads;
+        for (int t = 0; t < 4; ++t)
+            threads.emplace_back([] {
+                for (int i = 0; i < 200; ++i) {
+                    Probe p;
+                    p.setName("X");
+                    BaseClass::registerObject(&p);
+                    BaseClass::unregisterObject(&p);
+                }
+            });
     }
-    for (auto& t : threads) t.join();
+    EXPECT_EQ(BaseClass::instanceCountNow(), base + 1);
     EXPECT_EQ(BaseClass::registeredCount(), registered);
-    EXPECT_EQ(BaseClass::instanceCountNow(), live);
 }
