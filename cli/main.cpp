@@ -127,14 +127,8 @@ double peakDbfs(const std::vector<float>& samples) {
     return peak > 0.0f ? 20.0 * std::log10(double(peak)) : -HUGE_VAL;
 }
 
-int runDemo(const Options& options) {
-    namespace fs = std::filesystem;
-    const fs::path directory(options.demoDirectory);
-    std::error_code error;
-    fs::create_directories(directory, error);
-    if (error) throw Error("cannot create '" + directory.string() + "': " + error.message());
-
-    const DemoSignal dry = makeDemoSignal();
+// The demo through the plug-in; the audio unit is gone (and has logged its last line) on return.
+std::vector<float> renderDemo(const Options& options, const DemoSignal& dry) {
     std::vector<float> wet(dry.samples.size());
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              midiInput(options, DemoSignal::kSampleRate));
@@ -150,7 +144,18 @@ int runDemo(const Options& options) {
     }
     progress.finish();
     finishMidi(options, renderer);
+    return wet;
+}
 
+int runDemo(const Options& options) {
+    namespace fs = std::filesystem;
+    const fs::path directory(options.demoDirectory);
+    std::error_code error;
+    fs::create_directories(directory, error);
+    if (error) throw Error("cannot create '" + directory.string() + "': " + error.message());
+
+    const DemoSignal dry = makeDemoSignal();
+    const std::vector<float> wet = renderDemo(options, dry);
     const std::string dryPath = (directory / "demo-dry.wav").string();
     const std::string wetPath = (directory / "demo-wet.wav").string();
     writeWholeFile(dryPath, dry.samples);
