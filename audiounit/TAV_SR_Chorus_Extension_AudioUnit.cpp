@@ -376,11 +376,10 @@ void TAV_SR_Chorus_Extension_AudioUnit::processIncomingEvents(const AURenderEven
         const std::uint8_t data1 = event->MIDI.length > 1 ? bytes[1] : 0;
         const std::uint8_t data2 = event->MIDI.length > 2 ? bytes[2] : 0;
         TAV_SR_Chorus_Extension_AudioUnit* unit = this;
-        if (!mainQueue.async([unit, status, data1, data2] {
-                unit->_processIncomingEvents(status & 0xF0, status & 0x0F, data1, data2);
-            }))
-            sr::safeprint("TAV_SR_Chorus_Extension_AudioUnit::processIncomingEvents : WARNING: "
-                          "The main queue is full, a MIDI event was not handled.\n");
+        // A full queue refuses the task; the executor counts and reports that itself.
+        mainQueue.async([unit, status, data1, data2] {
+            unit->_processIncomingEvents(status & 0xF0, status & 0x0F, data1, data2);
+        });
     }
 }
 

@@ -46,7 +46,8 @@ class MainQueueExecutor {
 public:
     virtual ~MainQueueExecutor() = default;
     // Any thread, real-time safe. Tasks run in the order they were handed over. False when the
-    // task was refused because the queue is full.
+    // task was refused because the queue is full; the executor reports refusals itself, so
+    // callers need not log each one.
     virtual bool async(const MainQueueTask& task) = 0;
 };
 
