@@ -64,12 +64,37 @@ void AtomicFile::fail(const std::string& reason) const {
     throw FileError("cannot write '" + destination + "': " + reason);
 }
 
-void AtomicFile::commit() {
+void AtomicFile::commit(bool replace) {
     if (!syncPath(temporary, O_RDONLY)) fail(std::strerror(errno));
-    if (std::rename(temporary.c_str(), destination.c_str()) != 0) fail(std::strerror(errno));
+    if (replace) {
+        if (std::rename(temporary.c_str(), destination.c_str()) != 0) fail(std::strerror(errno));
+    } else {
+        // A hard link fails when the name exists, so a file that appears meanwhile is kept.
+        if (::link(temporary.c_str(), destination.c_str()) != 0) fail(std::strerror(errno));
+        ::unlink(temporary.c_str());
+    }
     committed = true;
     // The rename itself reaches the disk with the folder; a failure here no longer loses data.
     syncPath(folderOf(destination).string(), O_RDONLY | O_DIRECTORY);
+}
+
+void writeFileAtomically(const std::string& path, std::string_view bytes, bool replace) {
+    AtomicFile file(path);
+    const int fd = ::open(file.temporaryPath().c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    if (fd < 0) throw FileError("cannot write '" + path + "': " + std::strerror(errno));
+    std::size_t written = 0;
+    while (written < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.data() + written, bytes.size() - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            const int savedErrno = n < 0 ? errno : EIO;
+            ::close(fd);
+            throw FileError("cannot write '" + path + "': " + std::strerror(savedErrno));
+        }
+        written += std::size_t(n);
+    }
+    if (::close(fd) != 0) throw FileError("cannot write '" + path + "': " + std::strerror(errno));
+    file.commit(replace);
 }
 
 } // namespace sr

@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace sr {
 
@@ -25,8 +26,9 @@ public:
     // Where to write the content.
     const std::string& temporaryPath() const { return temporary; }
     const std::string& destinationPath() const { return destination; }
-    // Flushes the written file to disk and renames it into place. Throws FileError.
-    void commit();
+    // Flushes the written file to disk and moves it into place. Throws FileError; with
+    // `replace` false also when the destination exists, which is then left untouched.
+    void commit(bool replace = true);
 
 private:
     [[noreturn]] void fail(const std::string& reason) const;
@@ -35,5 +37,8 @@ private:
     std::string temporary;
     bool committed = false;
 };
+
+// The whole content of a file, written as above. Throws FileError.
+void writeFileAtomically(const std::string& path, std::string_view bytes, bool replace = true);
 
 } // namespace sr

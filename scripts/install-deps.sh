@@ -3,7 +3,7 @@
 set -euo pipefail
 packages=(
     build-essential cmake pkg-config clang-format
-    libsndfile1-dev libsmf-dev
+    libsndfile1-dev libsmf-dev libplist-dev libplist-utils python3
     libgtest-dev libgmock-dev libbenchmark-dev
 )
 missing=()
