@@ -5,6 +5,7 @@
 #include <cmath>
 
 #include "kernel/ParameterTable.h"
+#include "platform/DocumentsDirectory.h"
 #include "platform/PrintQueue.h"
 #include "util/SafeConvert.h"
 
@@ -36,7 +37,8 @@ std::string doubleText(double value) {
 TAV_SR_Chorus_Extension_AudioUnit::TAV_SR_Chorus_Extension_AudioUnit(
     const AudioComponentDescription& description, sr::MainQueueExecutor& queue,
     AudioComponentInstantiationOptions options)
-    : AUAudioUnit(description, options), instance(++instancesCreated), mainQueue(queue) {
+    : AUAudioUnit(description, options), instance(++instancesCreated), mainQueue(queue),
+      documents(sr::userDataDirectory(kDocumentsFolderName)) {
     trace("init() " + fourCharString(description.componentType) + " " +
           fourCharString(description.componentSubType) + " " +
           fourCharString(description.componentManufacturer));

@@ -16,11 +16,14 @@
 
 #include "audiounit/AUMIDIMonitor.h"
 #include "audiounit/AUPeakLimiter.h"
+#include "audiounit/TAVPreset.h"
 #include "kernel/TAV_SR_Chorus_ExtensionDSPKernelAdapter.h"
 #include "kernel/TAV_SR_Chorus_Extension_Parameters.h"
 #include "platform/AUAudioUnit.h"
+#include "platform/AUAudioUnitPreset.h"
 #include "platform/MainQueue.h"
 #include "platform/PeakMeter.h"
+#include "platform/PropertyList.h"
 
 // How hosts find the plug-in: an effect ('aufx'), subtype 'srCh' (selective-range chorus),
 // manufacturer 'TAVs'. Presets and saved state carry these codes and are checked against them.
@@ -41,9 +44,15 @@ struct AUAudioUnitViewConfiguration {
     bool hostHasController = false;
 };
 
-class TAV_SR_Chorus_Extension_AudioUnit : public AUAudioUnit {
+class TAV_SR_Chorus_Extension_AudioUnit : public AUAudioUnit, private TAVPresetDelegate {
 public:
     static constexpr const char* kMIDIOutputName = "TAV SR Chorus MIDI Out";
+    // The name and version written into every saved state.
+    static constexpr const char* kStateName = "TAV SR Chorus Preset";
+    static constexpr NSInteger kStateVersion = 1;
+    // The application folder under the user's data folder, and the file extension of presets.
+    static constexpr const char* kDocumentsFolderName = "tav-sr-chorus";
+    static constexpr const char* kPresetExtension = ".aupreset";
 
     // The executor runs the MIDI tasks the render block hands over; it must outlive this object,
     // and its owner drains or discards it before destroying this object.
@@ -104,6 +113,29 @@ public:
     // Pushes every parameter of the tree to the kernel.
     void updateParameters();
 
+    // State and presets (main thread only). A refused state or preset file is logged and
+    // leaves every parameter as it was.
+    std::optional<sr::PropertyList> fullState();
+    void setFullState(const std::optional<sr::PropertyList>& state);
+    // The ".aupreset" files of "Presets/", numbered by their place in the folder's listing.
+    std::vector<AUAudioUnitPreset> factoryPresets();
+    std::optional<AUAudioUnitPreset> currentPreset() const { return _currentPreset; }
+    void setCurrentPreset(const std::optional<AUAudioUnitPreset>& preset);
+    // The state stored for a preset; throws AUAudioUnitError when its file is missing.
+    sr::PropertyList presetState(const AUAudioUnitPreset& preset);
+    // User presets by name, in "Presets/User/".
+    bool savePreset(const std::string& filename);
+    bool loadPreset(const std::string& filename);
+    bool loadPresetFile(const std::string& path);
+    // The current state as a preset file at any path.
+    bool savePresetFile(const std::string& path);
+
+    // The documents folder ($XDG_DATA_HOME/tav-sr-chorus/ unless set), ending with '/'.
+    const std::string& documentsDirectory() const { return documents; }
+    void setDocumentsDirectory(std::string path);
+    // A folder of shipped ".aupreset" files, copied into the documents folder where missing.
+    void setFactoryPresetSource(std::string path) { factorySource = std::move(path); }
+
     TAV_SR_Chorus_ExtensionDSPKernelAdapter& kernelAdapter() { return *kernelAdapter_; }
     AUPeakLimiter& effect() { return *effect_; }
     PeakLimiterUnit& wrapped() { return effect_->audioUnit(); }
@@ -112,6 +144,14 @@ public:
     NSInteger instanceNumber() const { return instance; }
 
 private:
+    void onFoundParameter(NSInteger group, const std::string& identifier, std::uint64_t address,
+                          float value) override;
+    // "Presets/" with its sub-folders, and the shipped presets where missing.
+    bool ensurePresetFolders();
+    // The path of a preset by name in a sub-folder of the documents folder; empty for a name
+    // that is not a plain file name.
+    std::string presetPath(const std::string& folder, const std::string& name) const;
+
     void setSamplerate();
     void propagateFormats();
     AUAudioUnitStatus renderWithLimiter(AURenderBlock& wrappedBlock,
@@ -126,4 +166,10 @@ private:
     std::unique_ptr<AUPeakLimiter> effect_;
     AUMIDIMonitor monitor_;
     sr::PeakMeter outputPeak;
+
+    std::optional<sr::PropertyList> _fullState;
+    std::vector<AUAudioUnitPreset> presets;
+    std::optional<AUAudioUnitPreset> _currentPreset;
+    std::string documents;
+    std::string factorySource;
 };

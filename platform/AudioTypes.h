@@ -26,6 +26,7 @@ enum : OSStatus {
     kAudioUnitErr_NoConnection = -10876,
     kAudioUnitErr_FailedInitialization = -10875,
     kAudioUnitErr_TooManyFramesToProcess = -10874,
+    kAudioUnitErr_InvalidFile = -10871,
     kAudioUnitErr_FormatNotSupported = -10868,
     kAudioUnitErr_Uninitialized = -10867,
     kAudioUnitErr_InvalidPropertyValue = -10851,

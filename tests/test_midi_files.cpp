@@ -18,6 +18,7 @@
 #include "cli/Errors.h"
 #include "cli/MidiFiles.h"
 #include "tests/SmfBytes.h"
+#include "tests/TestFiles.h"
 
 namespace {
 
@@ -28,10 +29,7 @@ using Messages = std::vector<TimedMidiMessage>;
 constexpr auto npos = std::string::npos;
 
 fs::path freshDirectory(const std::string& name) {
-    const fs::path dir = fs::path(SR_TEST_TMP) / "midi" / name;
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-    return dir;
+    return sr::test::freshDirectory("midi", name);
 }
 
 fs::path save(const fs::path& path, const Bytes& bytes) {

@@ -1,0 +1,256 @@
+// The audio unit's saved state and presets: the state a host stores, the factory presets it
+// lists, and the user presets the editor saves and loads by name. Main thread only.
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <system_error>
+
+#include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
+#include "platform/AtomicFile.h"
+#include "platform/DocumentsDirectory.h"
+#include "platform/PrintQueue.h"
+
+namespace fs = std::filesystem;
+using sr::PropertyList;
+
+namespace {
+
+constexpr const char* kPresetsFolder = "Presets/";
+constexpr const char* kFactoryFolder = "Presets/Factory/";
+constexpr const char* kUserFolder = "Presets/User/";
+
+void log(const std::string& text) {
+    sr::debugprint(text + "\n");
+}
+
+bool isPresetFile(const fs::path& path) {
+    std::string extension = path.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return char(std::toupper(c)); });
+    return extension == ".AUPRESET";
+}
+
+bool exists(const std::string& path) {
+    std::error_code ec;
+    return fs::exists(path, ec);
+}
+
+} // namespace
+
+void TAV_SR_Chorus_Extension_AudioUnit::setDocumentsDirectory(std::string path) {
+    if (!path.empty() && path.back() != '/') path += '/';
+    documents = std::move(path);
+}
+
+std::string TAV_SR_Chorus_Extension_AudioUnit::presetPath(const std::string& folder,
+                                                          const std::string& name) const {
+    // A name from a host or a dialog must not lead outside the folder.
+    if (name.empty() || name == "." || name == ".." || name.size() > 200 ||
+        name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::presetPath() : ERROR: The preset name '" + name +
+            "' is not a file name.");
+        return {};
+    }
+    return documents + folder + name + kPresetExtension;
+}
+
+// ---- state -------------------------------------------------------------------------------------
+
+std::optional<PropertyList> TAV_SR_Chorus_Extension_AudioUnit::fullState() {
+    TAVPreset preset;
+    preset.setDescription(componentDescription(), kStateVersion, kStateName);
+    if (AUParameterTree* tree = parameterTree()) preset.makeFrom(*tree);
+    _fullState = preset.getDictionary();
+    return _fullState;
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<PropertyList>& state) {
+    std::optional<PropertyList> old = std::move(_fullState);
+    _fullState = state;
+    // Read without a delegate, so that nothing of a state reaches the parameters before it is
+    // known to be whole and of this component.
+    TAVPreset preset;
+    if (!preset.makeFrom(state)) {
+        _fullState = std::move(old);
+        return;
+    }
+    if (!preset.checkDescription(componentDescription(), kStateVersion)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::fullState : ERROR: The component description of "
+            "the patch does not match.");
+        _fullState = std::move(old);
+        updateParameters();
+        return;
+    }
+    preset.delegate = this;
+    preset.reportParameters();
+    _fullState = preset.getDictionary();
+    updateParameters();
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::onFoundParameter(NSInteger, const std::string&,
+                                                         std::uint64_t address, float value) {
+    setParameter(std::int32_t(address), value);
+}
+
+// ---- factory presets ---------------------------------------------------------------------------
+
+bool TAV_SR_Chorus_Extension_AudioUnit::ensurePresetFolders() {
+    if (documents.empty()) return false;
+    std::string error;
+    for (const char* folder : {kPresetsFolder, kFactoryFolder, kUserFolder})
+        if (!sr::ensureDirectoryExists(documents + folder, error)) return false;
+    if (factorySource.empty()) return true;
+
+    // Shipped presets go where hosts list them and where the editor's browser looks, but a
+    // file already there, perhaps edited by the user, is never replaced.
+    std::error_code ec;
+    for (fs::directory_iterator it(factorySource, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!it->is_regular_file(ec) || !isPresetFile(it->path())) continue;
+        const std::string name = it->path().filename().string();
+        for (const char* folder : {kPresetsFolder, kFactoryFolder}) {
+            const std::string target = documents + folder + name;
+            if (exists(target)) continue;
+            const sr::LimitedRead source =
+                sr::readFileLimited(it->path().string(), PropertyList::kMaxBytes);
+            try {
+                if (!source.bytes || source.tooLarge) throw sr::FileError("cannot read it");
+                sr::writeFileAtomically(target, *source.bytes, false);
+            } catch (const sr::FileError& e) {
+                log("TAV_SR_Chorus_Extension_AudioUnit::factoryPresets : ERROR: Could not install "
+                    "the factory preset '" +
+                    name + "': " + e.what());
+            }
+        }
+    }
+    return true;
+}
+
+std::vector<AUAudioUnitPreset> TAV_SR_Chorus_Extension_AudioUnit::factoryPresets() {
+    if (!ensurePresetFolders()) {
+        log("Vornex_AudioUnit::factoryPresets : ERROR: Could not create required preset "
+            "folders.");
+        return presets;
+    }
+    presets.clear();
+    std::error_code ec;
+    std::vector<fs::path> files, folders;
+    for (fs::directory_iterator it(documents + kPresetsFolder, ec), end; !ec && it != end;
+         it.increment(ec)) {
+        std::error_code kind;
+        // Entries whose target is gone (a dangling link) are not counted.
+        if (!fs::exists(it->path(), kind)) continue;
+        (fs::is_directory(it->path(), kind) ? folders : files).push_back(it->path());
+    }
+    if (ec) {
+        log("Vornex_AudioUnit::factoryPresets : ERROR: Creating factory presets failed: " +
+            ec.message());
+        presets.clear();
+        return presets;
+    }
+    // A stable order for stable numbers: files by name, then the sub-folders, which still
+    // advance the number but no longer push presets past the count hosts check them against.
+    std::sort(files.begin(), files.end());
+    std::sort(folders.begin(), folders.end());
+    files.insert(files.end(), folders.begin(), folders.end());
+    NSInteger number = 0;
+    for (const fs::path& entry : files) {
+        const NSInteger running = number++;
+        if (isPresetFile(entry)) presets.push_back({running, entry.stem().string()});
+    }
+    return presets;
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::setCurrentPreset(
+    const std::optional<AUAudioUnitPreset>& preset) {
+    if (!preset) {
+        _currentPreset.reset();
+        return;
+    }
+    if (preset->number < 0) {
+        try {
+            setFullState(presetState(*preset));
+            _currentPreset = preset;
+        } catch (const AUAudioUnitError&) {
+            log("TAV_SR_Chorus_Extension_AudioUnit::currentPreset : ERROR: Unable to restore set "
+                "for preset " +
+                preset->name);
+        }
+        return;
+    }
+    if (preset->number >= NSInteger(presets.size())) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::currentPreset : ERROR: The preset number " +
+            std::to_string(preset->number) + " is invalid.");
+        return;
+    }
+    const std::string path = presetPath(kPresetsFolder, preset->name);
+    if (path.empty()) return;
+    if (!exists(path)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::currentPreset : ERROR: The preset file '" +
+            preset->name + kPresetExtension + "' does not exist.");
+        return;
+    }
+    // A preset that did not load is not the current one.
+    if (loadPresetFile(path)) _currentPreset = preset;
+}
+
+PropertyList TAV_SR_Chorus_Extension_AudioUnit::presetState(const AUAudioUnitPreset& preset) {
+    const std::string path = presetPath(kPresetsFolder, preset.name);
+    if (path.empty() || !exists(path)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::presetState() : ERROR: The preset file '" +
+            preset.name + kPresetExtension + "' does not exist.");
+        throw AUAudioUnitError(kAudioUnitErr_InvalidFile,
+                               "no preset file for '" + preset.name + "'");
+    }
+    TAVPreset loaded;
+    loaded.load(path);
+    return loaded.getDictionary();
+}
+
+// ---- user presets and files --------------------------------------------------------------------
+
+bool TAV_SR_Chorus_Extension_AudioUnit::savePreset(const std::string& filename) {
+    std::string error;
+    if (documents.empty() || !sr::ensureDirectoryExists(documents + kUserFolder, error)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: Could not ceate "
+            "preset directory.");
+        return false;
+    }
+    const std::string path = presetPath(kUserFolder, filename);
+    return !path.empty() && savePresetFile(path);
+}
+
+bool TAV_SR_Chorus_Extension_AudioUnit::savePresetFile(const std::string& path) {
+    TAVPreset preset;
+    preset.makeFrom(fullState());
+    return preset.save(path);
+}
+
+bool TAV_SR_Chorus_Extension_AudioUnit::loadPreset(const std::string& filename) {
+    std::string error;
+    if (documents.empty() || !sr::ensureDirectoryExists(documents + kUserFolder, error)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: Could not ceate "
+            "preset directory.");
+        return false;
+    }
+    const std::string path = presetPath(kUserFolder, filename);
+    if (path.empty()) return false;
+    if (!exists(path)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: The preset does not "
+            "exist.");
+        return false;
+    }
+    return loadPresetFile(path);
+}
+
+bool TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile(const std::string& path) {
+    TAVPreset preset;
+    preset.load(path);
+    if (!preset.checkDescription(componentDescription(), kStateVersion)) {
+        log("TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile() : ERROR: The component "
+            "description of the loaded preset does not match.");
+        return false;
+    }
+    setFullState(preset.getDictionary());
+    updateParameters();
+    return true;
+}
