@@ -87,6 +87,7 @@ void takeFiles(Options& options, const std::vector<std::string_view>& files) {
         if (!files.empty()) throw UsageError("--demo takes no input or output file");
         return;
     }
+    if (files.empty() && (!options.savePreset.empty() || !options.stateOut.empty())) return;
     if (files.empty()) throw UsageError("missing input and output files (see --help)");
     if (files.size() == 1) throw UsageError("missing output file (see --help)");
     if (files.size() > 2) throw UsageError("unexpected argument " + quoted(files[2]));
@@ -127,10 +128,15 @@ Options parseArguments(int argc, const char* const* argv) {
         } else if (option == "--block") {
             options.blockFrames = parseBlock(reader.valueFor(option, inlineValue));
             continue;
-        } else if (option == "--midi" || option == "--midi-out") {
+        } else if (std::string* file = option == "--midi"          ? &options.midiInput
+                                       : option == "--midi-out"    ? &options.midiOutput
+                                       : option == "--preset"      ? &options.presetFile
+                                       : option == "--save-preset" ? &options.savePreset
+                                       : option == "--state-out"   ? &options.stateOut
+                                                                   : nullptr) {
             const std::string_view path = reader.valueFor(option, inlineValue);
             if (path.empty()) throw UsageError(std::string(option) + " needs a file");
-            (option == "--midi" ? options.midiInput : options.midiOutput) = path;
+            *file = path;
             continue;
         } else if (option == "--demo") {
             const std::string_view directory = reader.valueFor(option, inlineValue);
@@ -150,9 +156,11 @@ std::string usageText() {
     const std::string maxBlock = std::to_string(OfflineRenderer::kMaxBlockFrames);
     const std::string maxCall =
         std::to_string(TAV_SR_Chorus_ExtensionDSPKernelAdapter::kDefaultMaximumFramesToRender);
-    return "usage: sr-chorus-render IN OUT [--set ID=VALUE]... [--block N] [--midi FILE.mid]\n"
-           "                        [--midi-out FILE.mid]\n"
-           "       sr-chorus-render --demo DIR [--set ID=VALUE]... [--block N]\n"
+    return "usage: sr-chorus-render IN OUT [--preset FILE] [--set ID=VALUE]... [--block N]\n"
+           "                        [--midi FILE.mid] [--midi-out FILE.mid]\n"
+           "                        [--save-preset FILE] [--state-out FILE]\n"
+           "       sr-chorus-render --demo DIR [--preset FILE] [--set ID=VALUE]... [--block N]\n"
+           "       sr-chorus-render [--preset FILE] [--set ID=VALUE]... --save-preset FILE\n"
            "       sr-chorus-render --list | --help\n"
            "\n"
            "Renders IN (any format libsndfile reads) through TAV SR Chorus into OUT.\n"
@@ -167,6 +175,10 @@ std::string usageText() {
            "  --midi FILE     play a standard MIDI file (format 0 or 1) into the plug-in\n"
            "                  while rendering: controllers move the controls bound to them\n"
            "  --midi-out FILE write what the plug-in sends on its MIDI output as a MIDI file\n"
+           "  --preset FILE   load a preset file (.aupreset, XML or binary property list)\n"
+           "                  before the --set values; a refused file stops the run\n"
+           "  --save-preset FILE  write the settings (preset, then --set) as a preset file\n"
+           "  --state-out FILE    write the same settings as the saved state a host keeps\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
            "                  and write DIR/demo-dry.wav and DIR/demo-wet.wav\n"
            "  --list          list the parameters with their ranges and defaults\n"

@@ -20,10 +20,18 @@ struct Options {
     std::string demoDirectory; // set by --demo
     std::string midiInput;     // --midi: a standard MIDI file played into the plug-in
     std::string midiOutput;    // --midi-out: where the plug-in's MIDI output is written
+    std::string presetFile;    // --preset: loaded before the --set values
+    std::string savePreset;    // --save-preset: the state after --set, as a preset file
+    std::string stateOut;      // --state-out: the same state as the host-facing dictionary
     std::vector<ParameterSetting> settings;
     std::uint32_t blockFrames = 512;
     bool list = false;
     bool help = false;
+
+    // Only state files are asked for: nothing is rendered.
+    bool stateOnly() const {
+        return input.empty() && demoDirectory.empty() && (!savePreset.empty() || !stateOut.empty());
+    }
 };
 
 // Throws UsageError, with the one line to show, for anything it cannot accept.

@@ -17,7 +17,9 @@
 #include "cli/OfflineRenderer.h"
 #include "cli/ProgressBar.h"
 #include "cli/SoundFiles.h"
+#include "platform/AtomicFile.h"
 #include "platform/PrintQueue.h"
+#include "platform/PropertyList.h"
 
 namespace sr::cli {
 namespace {
@@ -53,10 +55,39 @@ void renderOrThrow(OfflineRenderer& renderer, const float* input, float* output,
         throw Error("the render call failed with status " + std::to_string(status));
 }
 
-void applySettings(OfflineRenderer& renderer, const std::vector<ParameterSetting>& settings) {
-    for (const ParameterSetting& s : settings)
+// The --preset file, then the --set values. Returns the state they make, for the state files
+// written once everything else has succeeded.
+PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options) {
+    TAV_SR_Chorus_Extension_AudioUnit& unit = renderer.audioUnit();
+    if (!options.presetFile.empty() && !unit.loadPresetFile(options.presetFile)) {
+        sr::printQueue().flush(); // the reason, logged by the unit, comes first
+        throw Error("cannot use the preset '" + options.presetFile + "' (see the log above)");
+    }
+    for (const ParameterSetting& s : options.settings)
         if (!renderer.set(s.parameter->identifier, s.value))
             throw Error("cannot set " + std::string(s.parameter->identifier));
+    return unit.fullState().value_or(PropertyList{});
+}
+
+void writeStateFiles(const Options& options, const PropertyList& state) {
+    if (!options.savePreset.empty()) {
+        TAVPreset preset;
+        if (!preset.makeFrom(state) || !preset.save(options.savePreset)) {
+            sr::printQueue().flush();
+            throw Error("cannot write the preset '" + options.savePreset + "'");
+        }
+    }
+    if (!options.stateOut.empty()) {
+        const std::optional<std::string> xml = state.toXML();
+        if (!xml) throw Error("cannot serialise the state");
+        writeFileAtomically(options.stateOut, *xml);
+    }
+}
+
+int writeStateOnly(const Options& options) {
+    OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames);
+    writeStateFiles(options, prepareUnit(renderer, options));
+    return 0;
 }
 
 void warn(const std::string& message) {
@@ -94,7 +125,7 @@ int renderFile(const Options& options) {
     checkChannels(options.input, input.channels());
     OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
                              midiInput(options, input.sampleRate()));
-    applySettings(renderer, options.settings);
+    const PropertyList state = prepareUnit(renderer, options);
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
     const std::size_t chunk = chunkFrames(options.blockFrames);
@@ -111,6 +142,7 @@ int renderFile(const Options& options) {
     progress.finish();
     input.close();
     finishMidi(options, renderer);
+    writeStateFiles(options, state);
     output.commit();
     return 0;
 }
@@ -132,7 +164,7 @@ std::vector<float> renderDemo(const Options& options, const DemoSignal& dry) {
     std::vector<float> wet(dry.samples.size());
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              midiInput(options, DemoSignal::kSampleRate));
-    applySettings(renderer, options.settings);
+    const PropertyList state = prepareUnit(renderer, options);
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
     for (std::size_t frame = 0; frame < dry.frames(); frame += chunk) {
@@ -144,6 +176,7 @@ std::vector<float> renderDemo(const Options& options, const DemoSignal& dry) {
     }
     progress.finish();
     finishMidi(options, renderer);
+    writeStateFiles(options, state);
     return wet;
 }
 
@@ -210,6 +243,7 @@ int run(int argc, const char* const* argv) {
         if (options.list) return listParameters();
         installInterruptHandlers();
         if (!options.demoDirectory.empty()) return runDemo(options);
+        if (options.stateOnly()) return writeStateOnly(options);
         return renderFile(options);
     } catch (const UsageError& e) {
         reportError(e.what());

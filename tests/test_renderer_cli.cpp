@@ -29,9 +29,11 @@
 #include <utility>
 #include <vector>
 
+#include "audiounit/TAVPreset.h"
 #include "cli/MidiFiles.h"
 #include "kernel/ParameterTable.h"
 #include "tests/SmfBytes.h"
+#include "tests/TestFiles.h"
 #include "tests/TestSignals.h"
 
 extern char** environ;
@@ -51,10 +53,7 @@ namespace fs = std::filesystem;
 // ---- files ------------------------------------------------------------------------------------
 
 fs::path freshDirectory(const std::string& name) {
-    const fs::path dir = fs::path(SR_TEST_TMP) / "renderer" / name;
-    fs::remove_all(dir);
-    fs::create_directories(dir);
-    return dir;
+    return sr::test::freshDirectory("renderer", name);
 }
 
 std::set<std::string> filesIn(const fs::path& dir) {
@@ -64,8 +63,7 @@ std::set<std::string> filesIn(const fs::path& dir) {
 }
 
 std::string readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    return sr::test::readFile(path);
 }
 
 void writeAudio(const fs::path& path, int rate, int channels, const std::vector<float>& samples,
@@ -397,6 +395,35 @@ TEST(RendererCli, AMidiFileMovesTheBoundControlAndComesOutUnchanged) {
     EXPECT_EQ(out, messages);
 }
 
+TEST(RendererCli, APresetLoadsBeforeTheSetValuesAndStateFilesHoldThem) {
+    const fs::path dir = freshDirectory("presets");
+    const std::vector<float> input = testSignal(48000, 2, 24000, 3);
+    writeAudio(dir / "in.wav", 48000, 2, input);
+    const ToolRun saved =
+        runTool({"in.wav", "a.wav", "--set", "kChorusDepth=0.9", "--set", "kChorusDryWet=0.6",
+                 "--save-preset", "p.aupreset", "--state-out", "s.plist"},
+                dir);
+    ASSERT_EQ(saved.exitCode, 0) << saved.err;
+    // The preset and the host's state are the same dictionary.
+    EXPECT_EQ(readText(dir / "p.aupreset"), readText(dir / "s.plist"));
+    TAVPreset preset;
+    ASSERT_TRUE(preset.load(dir / "p.aupreset"));
+    EXPECT_EQ(preset.patch->groups.at(1)->params.at(0)->value, 0.9f);
+
+    // The preset alone renders the same; a --set after it wins; no audio, just the state.
+    ASSERT_EQ(runTool({"in.wav", "b.wav", "--preset", "p.aupreset"}, dir).exitCode, 0);
+    EXPECT_TRUE(
+        bitIdentical(readFloatWav(dir / "b.wav")->samples, readFloatWav(dir / "a.wav")->samples));
+    ASSERT_EQ(runTool({"in.wav", "c.wav", "--preset", "p.aupreset", "--set", "kChorusDryWet=0",
+                       "--set", "kFinalLimit=0"},
+                      dir)
+                  .exitCode,
+              0);
+    EXPECT_TRUE(bitIdentical(readFloatWav(dir / "c.wav")->samples, input));
+    ASSERT_EQ(runTool({"--preset", "p.aupreset", "--save-preset", "q.aupreset"}, dir).exitCode, 0);
+    EXPECT_EQ(readText(dir / "q.aupreset"), readText(dir / "p.aupreset"));
+}
+
 // ---- failures -----------------------------------------------------------------------------------
 
 // One case per rule; a previous output file must survive every failure untouched.
@@ -413,17 +440,21 @@ TEST(RendererCli, BadInputFailsWithOneLineAndLeavesNoFileBehind) {
     // Runs that fail (the last only after the audio is rendered).
     for (const char* line : {"missing.wav out.wav", "garbage.wav out.wav", "nine.wav out.wav",
                              "in.wav no-such-folder/out.wav", "in.wav out.wav --midi garbage.wav",
-                             "in.wav out.wav --midi-out no-such-folder/out.mid"})
+                             "in.wav out.wav --midi-out no-such-folder/out.mid",
+                             "in.wav out.wav --preset garbage.wav --save-preset p.aupreset",
+                             "--preset missing.aupreset --state-out s.plist",
+                             "in.wav out.wav --save-preset no-such-folder/p.aupreset"})
         cases.emplace_back(1, line);
     // Misused command lines.
     for (const char* line : {"in.wav out.xyz", "--list=yes", "", "in.wav",
                              "in.wav out.wav third.wav", "--demo demo in.wav"})
         cases.emplace_back(2, line);
-    for (const char* option : {"--set kNoSuchParameter=1", "--set 29=0", "--set kChorusDryWet=1.5",
-                               "--set kChorusDepthController=-2", "--set kBypass=2",
-                               "--set kChorusDryWet=", "--set kChorusDryWet",
-                               "--set kChorusDryWet=0.5x", "--set kChorusDryWet=nan", "--set",
-                               "--block 0", "--block 16385", "--block 1.5", "--frobnicate"})
+    for (const char* option :
+         {"--set kNoSuchParameter=1", "--set 29=0", "--set kChorusDryWet=1.5",
+          "--set kChorusDepthController=-2", "--set kBypass=2",
+          "--set kChorusDryWet=", "--set kChorusDryWet", "--set kChorusDryWet=0.5x",
+          "--set kChorusDryWet=nan", "--set", "--block 0", "--block 16385", "--block 1.5",
+          "--frobnicate", "--preset", "--save-preset="})
         cases.emplace_back(2, std::string("in.wav out.wav ") + option);
     for (const auto& [exitCode, command] : cases) {
         std::istringstream words(command);
