@@ -72,7 +72,10 @@ PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options) {
 void writeStateFiles(const Options& options, const PropertyList& state) {
     if (!options.savePreset.empty()) {
         TAVPreset preset;
-        if (!preset.makeFrom(state) || !preset.save(options.savePreset)) {
+        const bool made = preset.makeFrom(state);
+        // A preset file carries its own name, as the factory presets do.
+        preset.patch->name = std::filesystem::path(options.savePreset).stem().string();
+        if (!made || !preset.save(options.savePreset)) {
             sr::printQueue().flush();
             throw Error("cannot write the preset '" + options.savePreset + "'");
         }

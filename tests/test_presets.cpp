@@ -529,6 +529,25 @@ TEST(FactoryPresets, ListingCreatesTheFoldersAndNumbersEveryEntry) {
     EXPECT_EQ(log.matching("ERROR: Could not ceate preset directory.").size(), 1u);
 }
 
+TEST(FactoryPresets, ShippedPresetsAreInstalledWithoutReplacingTheUsersFiles) {
+    const fs::path documents = freshDirectory("install") / "documents";
+    fs::create_directories(documents / "Presets");
+    std::vector<fs::path> shipped;
+    for (const auto& e : fs::directory_iterator(SR_FACTORY_PRESETS)) shipped.push_back(e.path());
+    ASSERT_GE(shipped.size(), 8u);
+    const fs::path edited = documents / "Presets" / shipped[0].filename();
+    sr::test::writeFile(edited, "the user's own");
+
+    AudioUnitHost host;
+    host.unit.setDocumentsDirectory(documents);
+    host.unit.setFactoryPresetSource(SR_FACTORY_PRESETS);
+    EXPECT_EQ(host.unit.factoryPresets().size(), shipped.size());
+    EXPECT_EQ(sr::test::readFile(edited), "the user's own");
+    for (const fs::path& p : shipped)
+        EXPECT_EQ(sr::test::readFile(documents / "Presets/Factory" / p.filename()),
+                  sr::test::readFile(p));
+}
+
 TEST(UserPresets, SavedAndLoadedByNameInTheUserFolder) {
     const fs::path documents = freshDirectory("user") / "documents";
     AudioUnitHost host;
@@ -554,6 +573,63 @@ TEST(UserPresets, SavedAndLoadedByNameInTheUserFolder) {
         EXPECT_FALSE(host.unit.loadPreset(name)) << name;
     }
     EXPECT_FALSE(fs::exists(documents / "Presets/escape.aupreset"));
+}
+
+// ---- the shipped factory presets ----------------------------------------------------------------
+
+TEST(FactoryPresets, EveryShippedPresetLoadsAndSoundsDifferent) {
+    const sr::cli::DemoSignal demo = sr::cli::makeDemoSignal();
+    const std::size_t frames = 3 * sr::cli::DemoSignal::kSampleRate;
+    Stereo in(frames);
+    for (std::size_t i = 0; i < frames; ++i) {
+        in.left[i] = demo.samples[2 * i];
+        in.right[i] = demo.samples[2 * i + 1];
+    }
+    std::vector<std::pair<std::string, std::vector<float>>> renders;
+    for (const auto& e : fs::directory_iterator(SR_FACTORY_PRESETS)) {
+        SCOPED_TRACE(e.path().filename().string());
+        AudioUnitHost host;
+        ASSERT_TRUE(host.unit.loadPresetFile(e.path()));
+        TAVPreset file;
+        ASSERT_TRUE(file.load(e.path()));
+        std::size_t count = 0;
+        for (const auto& group : file.patch->groups)
+            for (const auto& p : group->params) {
+                EXPECT_EQ(host.unit.getParameter(int(p->address)), p->value);
+                ++count;
+            }
+        EXPECT_EQ(count, sr::kParameterCount); // every control is stored
+        const Stereo out = host.render(in, 512);
+        std::vector<float> both = out.left;
+        both.insert(both.end(), out.right.begin(), out.right.end());
+        EXPECT_TRUE(sr::test::allFinite(both));
+        EXPECT_LE(sr::test::peak(both), 1.0f);
+        renders.emplace_back(e.path().stem().string(), std::move(both));
+    }
+    ASSERT_GE(renders.size(), 8u);
+    for (std::size_t i = 0; i < renders.size(); ++i)
+        for (std::size_t j = i + 1; j < renders.size(); ++j)
+            EXPECT_GT(sr::test::differenceDb(renders[i].second, renders[j].second), -20.0)
+                << renders[i].first << " vs " << renders[j].first;
+}
+
+// The lower split point is held below the upper one as each arrives, so a preset applied over
+// another must still land on both of its own split points, whichever way they move.
+TEST(FactoryPresets, SwitchingWhileRunningLandsOnBothSplitPoints) {
+    const fs::path low = fs::path(SR_FACTORY_PRESETS) / "Warm Low Mids.aupreset";
+    const fs::path high = fs::path(SR_FACTORY_PRESETS) / "Air Sparkle.aupreset";
+    for (const auto& [from, to] : {std::pair{low, high}, std::pair{high, low}}) {
+        AudioUnitHost host;
+        ASSERT_TRUE(host.unit.loadPresetFile(from));
+        host.render(Stereo(256), 256);
+        ASSERT_TRUE(host.unit.loadPresetFile(to));
+        host.render(Stereo(256), 256);
+        const BandSplitFilter3& split = host.unit.kernelAdapter().getKernel().getBandSplitter();
+        EXPECT_FLOAT_EQ(split.getCutoff1(),
+                        std::sqrt(host.unit.getParameter(sr::kFrequencySplitLP)));
+        EXPECT_FLOAT_EQ(split.getCutoff2(),
+                        std::sqrt(host.unit.getParameter(sr::kFrequencySplitHP)));
+    }
 }
 
 } // namespace

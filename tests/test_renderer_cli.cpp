@@ -404,10 +404,13 @@ TEST(RendererCli, APresetLoadsBeforeTheSetValuesAndStateFilesHoldThem) {
                  "--save-preset", "p.aupreset", "--state-out", "s.plist"},
                 dir);
     ASSERT_EQ(saved.exitCode, 0) << saved.err;
-    // The preset and the host's state are the same dictionary.
-    EXPECT_EQ(readText(dir / "p.aupreset"), readText(dir / "s.plist"));
-    TAVPreset preset;
+    // The preset and the host's state are the same dictionary but for the preset's name.
+    TAVPreset preset, state;
     ASSERT_TRUE(preset.load(dir / "p.aupreset"));
+    ASSERT_TRUE(state.load(dir / "s.plist"));
+    EXPECT_EQ(state.patch->name, "TAV SR Chorus Preset");
+    state.patch->name = "p";
+    EXPECT_EQ(state.getDictionary(), preset.getDictionary());
     EXPECT_EQ(preset.patch->groups.at(1)->params.at(0)->value, 0.9f);
 
     // The preset alone renders the same; a --set after it wins; no audio, just the state.
@@ -420,8 +423,11 @@ TEST(RendererCli, APresetLoadsBeforeTheSetValuesAndStateFilesHoldThem) {
                   .exitCode,
               0);
     EXPECT_TRUE(bitIdentical(readFloatWav(dir / "c.wav")->samples, input));
-    ASSERT_EQ(runTool({"--preset", "p.aupreset", "--save-preset", "q.aupreset"}, dir).exitCode, 0);
-    EXPECT_EQ(readText(dir / "q.aupreset"), readText(dir / "p.aupreset"));
+    EXPECT_EQ(preset.patch->name, "p");
+    fs::create_directory(dir / "again");
+    ASSERT_EQ(
+        runTool({"--preset", "p.aupreset", "--save-preset", "again/p.aupreset"}, dir).exitCode, 0);
+    EXPECT_EQ(readText(dir / "again/p.aupreset"), readText(dir / "p.aupreset"));
 }
 
 // ---- failures -----------------------------------------------------------------------------------
