@@ -271,11 +271,8 @@ bool PresetPatch::loadFromFile(const std::string& path) {
         log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
         return false;
     }
-    sr::PropertyListParse parsed = PropertyList::parse(*file.bytes);
-    if (file.tooLarge) {
-        parsed.value.reset();
-        parsed.error = "larger than " + std::to_string(PropertyList::kMaxBytes) + " bytes";
-    }
+    // A file larger than a property list may be is refused by the parser, by its size.
+    const sr::PropertyListParse parsed = PropertyList::parse(*file.bytes);
     if (!parsed.value) {
         log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
             ", Format: " + parsed.format + ", " + parsed.error);

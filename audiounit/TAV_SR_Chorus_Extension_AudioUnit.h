@@ -151,6 +151,8 @@ private:
     // The path of a preset by name in a sub-folder of the documents folder; empty for a name
     // that is not a plain file name.
     std::string presetPath(const std::string& folder, const std::string& name) const;
+    // Same in "Presets/User/", which is created when missing; empty when it cannot be.
+    std::string userPresetPath(const std::string& filename) const;
 
     void setSamplerate();
     void propagateFormats();

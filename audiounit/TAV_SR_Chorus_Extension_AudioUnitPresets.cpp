@@ -113,7 +113,8 @@ bool TAV_SR_Chorus_Extension_AudioUnit::ensurePresetFolders() {
             const sr::LimitedRead source =
                 sr::readFileLimited(it->path().string(), PropertyList::kMaxBytes);
             try {
-                if (!source.bytes || source.tooLarge) throw sr::FileError("cannot read it");
+                if (!source.bytes || source.bytes->size() > PropertyList::kMaxBytes)
+                    throw sr::FileError("cannot read it");
                 sr::writeFileAtomically(target, *source.bytes, false);
             } catch (const sr::FileError& e) {
                 log("TAV_SR_Chorus_Extension_AudioUnit::factoryPresets : ERROR: Could not install "
@@ -208,14 +209,18 @@ PropertyList TAV_SR_Chorus_Extension_AudioUnit::presetState(const AUAudioUnitPre
 
 // ---- user presets and files --------------------------------------------------------------------
 
-bool TAV_SR_Chorus_Extension_AudioUnit::savePreset(const std::string& filename) {
+std::string TAV_SR_Chorus_Extension_AudioUnit::userPresetPath(const std::string& filename) const {
     std::string error;
     if (documents.empty() || !sr::ensureDirectoryExists(documents + kUserFolder, error)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: Could not ceate "
             "preset directory.");
-        return false;
+        return {};
     }
-    const std::string path = presetPath(kUserFolder, filename);
+    return presetPath(kUserFolder, filename);
+}
+
+bool TAV_SR_Chorus_Extension_AudioUnit::savePreset(const std::string& filename) {
+    const std::string path = userPresetPath(filename);
     return !path.empty() && savePresetFile(path);
 }
 
@@ -226,13 +231,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::savePresetFile(const std::string& path) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::loadPreset(const std::string& filename) {
-    std::string error;
-    if (documents.empty() || !sr::ensureDirectoryExists(documents + kUserFolder, error)) {
-        log("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: Could not ceate "
-            "preset directory.");
-        return false;
-    }
-    const std::string path = presetPath(kUserFolder, filename);
+    const std::string path = userPresetPath(filename);
     if (path.empty()) return false;
     if (!exists(path)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: The preset does not "

@@ -369,8 +369,6 @@ LimitedRead readFileLimited(const std::string& path, std::size_t limit) {
         return result;
     }
     bytes.resize(std::size_t(in.gcount()));
-    result.tooLarge = bytes.size() > limit;
-    if (result.tooLarge) bytes.resize(limit);
     result.bytes = std::move(bytes);
     return result;
 }

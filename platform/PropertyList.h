@@ -105,12 +105,11 @@ inline bool PropertyList::operator==(const PropertyList& other) const {
     return value == other.value;
 }
 
-// A whole file, but never more than `limit` bytes: a longer file sets `tooLarge` and returns what
-// fits, so a huge or endless file is refused without being read. nullopt when unreadable, with
-// the reason in `error`.
+// A whole file, but never more than `limit` + 1 bytes: more than `limit` means the file is
+// larger, so a huge or endless file is refused without being read. nullopt when unreadable,
+// with the reason in `error`.
 struct LimitedRead {
     std::optional<std::string> bytes;
-    bool tooLarge = false;
     std::string error;
 };
 LimitedRead readFileLimited(const std::string& path, std::size_t limit);
