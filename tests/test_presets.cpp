@@ -276,6 +276,20 @@ TEST(PresetDictionary, ReportsEveryParameterInTheDictionarysOrder) {
     ASSERT_EQ(preset.patch->groups.size(), 1u);
     EXPECT_EQ(preset.patch->groups[0]->id, 4); // the number after the identifier's last blank
     EXPECT_EQ(preset.componentDescription.componentManufacturer, 3u);
+
+    // A tree without groups leaves the patch as it is; a file that cannot be written is
+    // reported with its path.
+    LogCapture log;
+    AUParameterTree empty({});
+    preset.makeFrom(empty);
+    EXPECT_EQ(preset.patch->groups.size(), 1u);
+    const std::string nowhere = SR_TEST_TMP "/no-such-folder/p.aupreset";
+    EXPECT_FALSE(preset.save(nowhere));
+    EXPECT_EQ(log.lines(),
+              (std::vector<std::string>{
+                  "TAVPreset::makeFrom() : The parameter group has no children.",
+                  "TAVPreset::loadFromFile() : ERROR: Could not save the file '" + nowhere +
+                      "'. (cannot write '" + nowhere + "': No such file or directory"}));
 }
 
 TEST(PresetDictionary, TheComponentCheckIgnoresVersionAndFlagsOnly) {
@@ -513,6 +527,10 @@ TEST(FactoryPresets, ListingCreatesTheFoldersAndNumbersEveryEntry) {
     EXPECT_EQ(host.unit.currentPreset(), (AUAudioUnitPreset{-1, "zeta"}));
     EXPECT_THROW(host.unit.presetState({-2, "nobody"}), AUAudioUnitError);
     host.unit.setCurrentPreset(AUAudioUnitPreset{-2, "nobody"});
+    EXPECT_EQ(log.matching("TAV_SR_Chorus_Extension_AudioUnit::presetState() : ERROR: The preset "
+                           "file 'nobody.aupreset' does not exist.")
+                  .size(),
+              2u); // asked directly, then through currentPreset
     EXPECT_EQ(log.matching("TAV_SR_Chorus_Extension_AudioUnit::currentPreset : ERROR: Unable to "
                            "restore set for preset nobody")
                   .size(),
