@@ -138,13 +138,12 @@ void PresetParam::fromDictionary(const PropertyList& dict, const TAVPreset* owne
 void PresetGroup::append(std::unique_ptr<PresetParam> param) {
     param->group = this;
     params.push_back(std::move(param));
-    count = NSInteger(params.size());
 }
 
 PropertyList PresetGroup::toDictionary() const {
     PropertyList dict;
     dict.set(kIdentifier, identifier);
-    dict.set(kCount, PropertyList::integer(NSInteger(params.size())));
+    dict.set(kCount, PropertyList::integer(count()));
     for (std::size_t k = 0; k < params.size(); ++k)
         dict.set(kParamKey + (" " + std::to_string(k)), params[k]->toDictionary());
     return dict;

@@ -44,10 +44,10 @@ public:
 class PresetGroup {
 public:
     NSInteger id = 0; // the number after the identifier's last blank
-    NSInteger count = 0;
     std::string identifier;
     std::vector<std::unique_ptr<PresetParam>> params;
 
+    NSInteger count() const { return NSInteger(params.size()); }
     void append(std::unique_ptr<PresetParam> param);
     sr::PropertyList toDictionary() const;
     void fromDictionary(const sr::PropertyList& dict, const TAVPreset* owner);

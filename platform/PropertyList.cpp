@@ -149,21 +149,21 @@ std::optional<std::string> checkBinaryGraph(std::string_view bytes) {
         stack.push_back(f);
         return std::nullopt;
     };
+    const auto child = [&](const Frame& f, std::size_t k) {
+        return readBigEndian(data + f.first + k * refSize, refSize);
+    };
     if (auto error = open(top)) return error;
     while (!stack.empty()) {
         Frame& f = stack.back();
         if (f.next < f.count) {
-            const std::uint64_t child = readBigEndian(data + f.first + f.next * refSize, refSize);
-            ++f.next;
-            if (auto error = open(child)) return error;
+            if (auto error = open(child(f, f.next++))) return error;
             continue;
         }
         std::uint32_t d = 1;
         std::uint64_t n = 1;
         for (std::size_t k = 0; k < f.count; ++k) {
-            const std::uint64_t child = readBigEndian(data + f.first + k * refSize, refSize);
-            d = std::max(d, depth[child] + 1);
-            n += nodes[child];
+            d = std::max(d, depth[child(f, k)] + 1);
+            n += nodes[child(f, k)];
         }
         if (n > PropertyList::kMaxNodes) return "binary property list expands too far";
         depth[f.object] = d;
