@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSR_WERROR=ON
 DEMO_DIR ?= demo-out
 
-.PHONY: all deps configure build test demo bench format clean
+.PHONY: all deps configure build test demo bench format clean install-user
 
 all: build
 
@@ -25,6 +25,14 @@ demo: build
 
 bench: build
 	@$(BUILD)/bench/sr-chorus-bench
+
+# The plug-in for this user's LV2 hosts; `cmake --install $(BUILD) --prefix DIR` installs it
+# system-wide under DIR/lib/lv2.
+install-user: build
+	@mkdir -p $(HOME)/.lv2
+	@rm -rf $(HOME)/.lv2/tav-sr-chorus.lv2
+	@cp -r $(BUILD)/lv2/tav-sr-chorus.lv2 $(HOME)/.lv2/
+	@echo "Installed $(HOME)/.lv2/tav-sr-chorus.lv2"
 
 format:
 	@git ls-files '*.cpp' '*.h' | xargs clang-format -i

@@ -116,7 +116,8 @@ public:
     // State and presets (main thread only). A refused state or preset file is logged and
     // leaves every parameter as it was.
     std::optional<sr::PropertyList> fullState();
-    void setFullState(const std::optional<sr::PropertyList>& state);
+    // False when the state was refused (malformed, or of another component).
+    bool setFullState(const std::optional<sr::PropertyList>& state);
     // The ".aupreset" files of "Presets/", numbered by their place in the folder's listing.
     std::vector<AUAudioUnitPreset> factoryPresets();
     std::optional<AUAudioUnitPreset> currentPreset() const { return _currentPreset; }

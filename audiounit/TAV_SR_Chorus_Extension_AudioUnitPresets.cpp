@@ -64,7 +64,7 @@ std::optional<PropertyList> TAV_SR_Chorus_Extension_AudioUnit::fullState() {
     return _fullState;
 }
 
-void TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<PropertyList>& state) {
+bool TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<PropertyList>& state) {
     std::optional<PropertyList> old = std::move(_fullState);
     _fullState = state;
     // Read without a delegate, so that nothing of a state reaches the parameters before it is
@@ -72,19 +72,20 @@ void TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<Propert
     TAVPreset preset;
     if (!preset.makeFrom(state)) {
         _fullState = std::move(old);
-        return;
+        return false;
     }
     if (!preset.checkDescription(componentDescription(), kStateVersion)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::fullState : ERROR: The component description of "
             "the patch does not match.");
         _fullState = std::move(old);
         updateParameters();
-        return;
+        return false;
     }
     preset.delegate = this;
     preset.reportParameters();
     _fullState = preset.getDictionary();
     updateParameters();
+    return true;
 }
 
 void TAV_SR_Chorus_Extension_AudioUnit::onFoundParameter(NSInteger, const std::string&,

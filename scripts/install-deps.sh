@@ -5,6 +5,7 @@ packages=(
     build-essential cmake pkg-config clang-format
     libsndfile1-dev libsmf-dev libplist-dev libplist-utils python3
     libgtest-dev libgmock-dev libbenchmark-dev
+    lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2
 )
 missing=()
 for p in "${packages[@]}"; do
@@ -15,4 +16,4 @@ sudo=""
 [ "$(id -u)" -ne 0 ] && sudo="sudo"
 echo "Installing: ${missing[*]}"
 $sudo apt-get update -qq
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+$sudo env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,476 @@
+#include "lv2/Plugin.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include <lv2/atom/util.h>
+#include <lv2/buf-size/buf-size.h>
+#include <lv2/midi/midi.h>
+#include <lv2/options/options.h>
+
+#include "platform/PrintQueue.h"
+#include "platform/PropertyList.h"
+
+namespace sr::lv2 {
+
+namespace {
+
+constexpr const char* kLogPrefix = "TAV SR Chorus (LV2): ";
+
+void log(std::string_view text) {
+    LineBuilder<> line;
+    line << kLogPrefix << text << "\n";
+    debugprint(line.view());
+}
+
+bool sameBits(float a, float b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+const void* findFeature(const LV2_Feature* const* features, const char* uri) {
+    for (; features && *features; ++features)
+        if ((*features)->URI && std::strcmp((*features)->URI, uri) == 0) return (*features)->data;
+    return nullptr;
+}
+
+// The host's largest block, when it says; 0 when it does not.
+std::uint32_t maxBlockLength(const LV2_Options_Option* options, LV2_URID_Map* map) {
+    if (!options || !map) return 0;
+    const LV2_URID key = map->map(map->handle, LV2_BUF_SIZE__maxBlockLength);
+    const LV2_URID atomInt = map->map(map->handle, LV2_ATOM__Int);
+    for (const LV2_Options_Option* o = options; o->key; ++o)
+        if (o->key == key && o->type == atomInt && o->size == sizeof(std::int32_t) && o->value) {
+            const std::int32_t frames = *static_cast<const std::int32_t*>(o->value);
+            return frames > 0 ? std::uint32_t(frames) : 0;
+        }
+    return 0;
+}
+
+// A notify event: the event header, an object body and two properties of 32-bit scalars.
+constexpr std::uint32_t kNotifyEventBytes = sizeof(LV2_Atom_Event) + sizeof(LV2_Atom_Object_Body) +
+                                            2 * (sizeof(LV2_Atom_Property_Body) + 8);
+
+} // namespace
+
+// ---- atom output ---------------------------------------------------------------------------
+
+void Plugin::SequenceWriter::begin(LV2_Atom_Sequence* port) {
+    open = false;
+    // The host sets the size to the room it offers; too little for an empty sequence is left
+    // alone rather than overrun.
+    if (!port || port->atom.size < sizeof(LV2_Atom_Sequence)) return;
+    lv2_atom_forge_set_buffer(&forge, reinterpret_cast<std::uint8_t*>(port), port->atom.size);
+    open = lv2_atom_forge_sequence_head(&forge, &frame, 0) != 0;
+}
+
+bool Plugin::SequenceWriter::fits(std::uint32_t eventBytes) const {
+    return open && forge.offset + eventBytes <= forge.size;
+}
+
+void Plugin::SequenceWriter::end() {
+    if (open) lv2_atom_forge_pop(&forge, &frame);
+    open = false;
+}
+
+// ---- life cycle ----------------------------------------------------------------------------
+
+Plugin* Plugin::create(double sampleRate, const char* bundlePath,
+                       const LV2_Feature* const* features) {
+    if (!(sampleRate >= kMinSampleRate && sampleRate <= kMaxSampleRate)) {
+        LineBuilder<> line;
+        line << kLogPrefix << "ERROR: a sample rate of ";
+        line.fixed(sampleRate) << " Hz is outside 8000 to 384000 Hz; not instantiated\n";
+        debugprint(line.view());
+        return nullptr;
+    }
+    auto* map = static_cast<LV2_URID_Map*>(const_cast<void*>(findFeature(features, LV2_URID__map)));
+    const auto* options =
+        static_cast<const LV2_Options_Option*>(findFeature(features, LV2_OPTIONS__options));
+    try {
+        auto* plugin = new Plugin(sampleRate, map, maxBlockLength(options, map));
+        if (bundlePath) {
+            std::string folder = bundlePath;
+            if (!folder.empty() && folder.back() != '/') folder += '/';
+            plugin->unit->setFactoryPresetSource(folder + "factory/");
+        }
+        return plugin;
+    } catch (const AUAudioUnitError& error) {
+        LineBuilder<> line;
+        line << kLogPrefix << "ERROR: the audio unit cannot render (" << std::int32_t(error.code)
+             << "); not instantiated\n";
+        debugprint(line.view());
+    } catch (const std::exception& error) {
+        log(std::string("ERROR: not instantiated: ") + error.what());
+    }
+    return nullptr;
+}
+
+Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
+    : map(urids), sampleRate(rate), events(std::make_unique<RenderEventList<>>()) {
+    if (map) {
+        auto id = [this](const char* uri) { return map->map(map->handle, uri); };
+        uris.atomSequence = id(LV2_ATOM__Sequence);
+        uris.atomObject = id(LV2_ATOM__Object);
+        uris.atomString = id(LV2_ATOM__String);
+        uris.midiEvent = id(LV2_MIDI__MidiEvent);
+        uris.parameterValue = id(kParameterValueURI);
+        uris.address = id(kAddressURI);
+        uris.value = id(kValueURI);
+        uris.requestValues = id(kRequestValuesURI);
+        uris.fullState = id(kFullStateURI);
+        auto* mutableMap = const_cast<LV2_URID_Map*>(map);
+        lv2_atom_forge_init(&midiWriter.forge, mutableMap);
+        lv2_atom_forge_init(&notifyWriter.forge, mutableMap);
+    }
+
+    unit = std::make_unique<TAV_SR_Chorus_Extension_AudioUnit>(kTAVSRChorusComponentDescription,
+                                                               mainQueue);
+    const AVAudioFormat format = AVAudioFormat::standardFormatWithSampleRate(sampleRate, 2);
+    if (unit->outputBusses()[0].setFormat(format) != noErr ||
+        unit->inputBusses()[0].setFormat(format) != noErr)
+        throw AUAudioUnitError(kAudioUnitErr_FormatNotSupported, "the busses refuse the format");
+    // Longer host blocks are cut into calls of this size; a host that promises smaller blocks
+    // saves the memory.
+    if (maxBlock > 0 && maxBlock < unit->maximumFramesToRender())
+        unit->setMaximumFramesToRender(maxBlock);
+    unit->setMIDIOutputEventBlock(
+        [this](AUEventSampleTime time, std::uint8_t, NSInteger length, const std::uint8_t* bytes) {
+            return sendMIDI(time, length, bytes);
+        });
+    unit->allocateRenderResources();
+    renderBlock = unit->renderBlock();
+
+    tree = unit->parameterTree();
+    for (std::size_t i = 0; i < kParameterCount; ++i) {
+        parameters[i] = tree->parameterWithAddress(i);
+        reported[i] = parameters[i]->value();
+    }
+}
+
+Plugin::~Plugin() {
+    // Queued tasks point at the unit: drop them before it goes.
+    mainQueue.discard();
+    unit.reset();
+}
+
+void Plugin::connectPort(std::uint32_t port, void* data) {
+    if (port < kParameterCount) {
+        controls[port] = static_cast<const float*>(data);
+        return;
+    }
+    switch (port) {
+    case kAudioInLeft:
+    case kAudioInRight:
+        audioIn[port - kAudioInLeft] = static_cast<const float*>(data);
+        break;
+    case kAudioOutLeft:
+    case kAudioOutRight:
+        audioOut[port - kAudioOutLeft] = static_cast<float*>(data);
+        break;
+    case kMIDIIn:
+        midiIn = static_cast<const LV2_Atom_Sequence*>(data);
+        break;
+    case kMIDIOut:
+        midiOut = static_cast<LV2_Atom_Sequence*>(data);
+        break;
+    case kNotify:
+        notify = static_cast<LV2_Atom_Sequence*>(data);
+        break;
+    default:
+        break;
+    }
+}
+
+void Plugin::activate() {
+    // A fresh start: silence in the delay lines, and every parameter pushed again so the band
+    // split follows the tree rather than the reset's cutoffs.
+    unit->reset();
+    unit->updateParameters();
+}
+
+// ---- run -----------------------------------------------------------------------------------
+
+void Plugin::readPorts() {
+    for (std::size_t i = 0; i < kParameterCount; ++i) {
+        if (!controls[i]) continue;
+        const float v = *controls[i];
+        if (portSeen[i] && sameBits(v, portValues[i])) continue;
+        portSeen[i] = true;
+        portValues[i] = v;
+        if (adoptPorts) continue;
+        if (!std::isfinite(v)) {
+            LineBuilder<> line;
+            line << kLogPrefix << "WARNING: a non-finite value on port '"
+                 << kParameterTable[i].identifier << "' is ignored\n";
+            safeprint(line.view());
+            continue;
+        }
+        const float value = clampToRange(kParameterTable[i], v);
+        // The tree follows the host; the kernel takes the change at the call's first frame.
+        parameters[i]->setValueFromImplementor(value);
+        portChanges[portChangeCount++] = {std::uint32_t(i), value};
+        reported[i] = value;
+    }
+    adoptPorts = false;
+}
+
+void Plugin::readRequests() {
+    if (!midiIn || !map || midiIn->atom.type != uris.atomSequence) return;
+    LV2_ATOM_SEQUENCE_FOREACH(midiIn, ev) {
+        if (ev->body.type != uris.atomObject) continue;
+        const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
+        if (object->atom.size >= sizeof(LV2_Atom_Object_Body) &&
+            object->body.otype == uris.requestValues)
+            reportAll = true;
+    }
+}
+
+void Plugin::reportEffectiveValues() {
+    for (std::size_t i = 0; i < kParameterCount; ++i) {
+        const float value = parameters[i]->value();
+        if (!reportAll && sameBits(value, reported[i])) continue;
+        if (notifyWriter.open) {
+            // Not reported for lack of room: tried again next call.
+            if (!notifyWriter.fits(kNotifyEventBytes)) continue;
+            LV2_Atom_Forge& forge = notifyWriter.forge;
+            LV2_Atom_Forge_Frame object;
+            lv2_atom_forge_frame_time(&forge, 0);
+            lv2_atom_forge_object(&forge, &object, 0, uris.parameterValue);
+            lv2_atom_forge_key(&forge, uris.address);
+            lv2_atom_forge_int(&forge, std::int32_t(i));
+            lv2_atom_forge_key(&forge, uris.value);
+            lv2_atom_forge_float(&forge, value);
+            lv2_atom_forge_pop(&forge, &object);
+        }
+        reported[i] = value;
+    }
+    reportAll = false;
+}
+
+void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {
+    if (!midiIn || !map || midiIn->atom.type != uris.atomSequence) return;
+    LV2_ATOM_SEQUENCE_FOREACH(midiIn, ev) {
+        if (ev->body.type != uris.midiEvent) continue;
+        // Events stamped outside the call act at its nearest end.
+        const std::int64_t last = std::int64_t(runFrames) - 1;
+        const std::int64_t frame = std::clamp<std::int64_t>(ev->time.frames, 0, last);
+        if (frame < offset || frame >= std::int64_t(offset) + frames) continue;
+        const std::uint32_t size = ev->body.size;
+        if (size == 0 || size > 0xFFFF) continue;
+        const auto* bytes = static_cast<const std::uint8_t*>(LV2_ATOM_BODY_CONST(&ev->body));
+        if (!events->addMIDI(AUEventSampleTime(sampleTime) + (frame - offset), 0, bytes,
+                             std::uint16_t(size)))
+            ++midiDropped;
+    }
+}
+
+AUAudioUnitStatus Plugin::renderCall(std::uint32_t offset, std::uint32_t frames) {
+    events->clear();
+    if (offset == 0)
+        for (std::size_t i = 0; i < portChangeCount; ++i)
+            events->addParameter(AUEventSampleTime(sampleTime), portChanges[i].address,
+                                 portChanges[i].value);
+    queueMIDI(offset, frames);
+
+    callOffset = offset;
+    const std::uint32_t bytes = frames * std::uint32_t(sizeof(float));
+    AudioBufferList output;
+    output.mNumberBuffers = 2;
+    for (std::uint32_t c = 0; c < 2; ++c) output.mBuffers[c] = {1, bytes, audioOut[c] + offset};
+    // The input is copied into the unit's own storage before anything is written, so the
+    // host may hand the same memory for input and output.
+    auto pullInput = [this, offset, frames](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
+                                            AUAudioFrameCount count, NSInteger,
+                                            AudioBufferList* input) -> AUAudioUnitStatus {
+        if (count > frames || input->mNumberBuffers < 2) return kAudioUnitErr_InvalidParameter;
+        for (std::uint32_t c = 0; c < 2; ++c) {
+            AudioBuffer& buffer = input->mBuffers[c];
+            if (!buffer.mData || buffer.mDataByteSize < count * sizeof(float))
+                return kAudioUnitErr_InvalidParameter;
+            std::memmove(buffer.mData, audioIn[c] + offset, count * sizeof(float));
+            buffer.mDataByteSize = count * std::uint32_t(sizeof(float));
+        }
+        return noErr;
+    };
+    AudioTimeStamp timestamp;
+    timestamp.mSampleTime = sampleTime;
+    AudioUnitRenderActionFlags flags = 0;
+    const AUAudioUnitStatus status =
+        renderBlock(&flags, &timestamp, frames, 0, &output, events->head(), pullInput);
+    sampleTime += frames;
+    return status;
+}
+
+OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes) {
+    if (!midiWriter.open) return noErr; // nobody listens: not an error
+    const std::uint32_t size = length > 0 ? std::uint32_t(length) : 0;
+    if (!bytes || size == 0 ||
+        !midiWriter.fits(std::uint32_t(sizeof(LV2_Atom_Event)) + lv2_atom_pad_size(size))) {
+        ++midiDropped;
+        return noErr;
+    }
+    const std::int64_t last = runFrames > 0 ? std::int64_t(runFrames) - 1 : 0;
+    const std::int64_t frame =
+        std::clamp<std::int64_t>(callOffset + (time - AUEventSampleTimeImmediate), 0, last);
+    LV2_Atom_Forge& forge = midiWriter.forge;
+    lv2_atom_forge_frame_time(&forge, frame);
+    lv2_atom_forge_atom(&forge, size, uris.midiEvent);
+    lv2_atom_forge_write(&forge, bytes, size);
+    return noErr;
+}
+
+void Plugin::reportDrops() {
+    // At most once a second of audio, so a host that starves the output is not flooded.
+    if (midiDropped == midiDroppedReported || sampleTime - lastDropReport < sampleRate) return;
+    LineBuilder<> line;
+    line << kLogPrefix << "WARNING: " << (midiDropped - midiDroppedReported)
+         << " MIDI events dropped (no room in the call's event list or MIDI output)\n";
+    safeprint(line.view());
+    midiDroppedReported = midiDropped;
+    lastDropReport = sampleTime;
+}
+
+void Plugin::run(std::uint32_t frames) {
+    // What the last call handed to the main queue (mapped controllers) happens first.
+    mainQueue.drain();
+    runFrames = frames;
+    midiWriter.begin(map ? midiOut : nullptr);
+    notifyWriter.begin(map ? notify : nullptr);
+    readRequests();
+
+    const bool audio = audioIn[0] && audioIn[1] && audioOut[0] && audioOut[1];
+    portChangeCount = 0;
+    // Without audio there is no call for port changes to ride on: they wait for the next run.
+    if (frames > 0 && audio) readPorts();
+    reportEffectiveValues();
+
+    if (frames > 0 && audio) {
+        const std::uint32_t callFrames = unit->maximumFramesToRender();
+        for (std::uint32_t offset = 0; offset < frames; offset += callFrames) {
+            const AUAudioUnitStatus status =
+                renderCall(offset, std::min(callFrames, frames - offset));
+            if (status != noErr) {
+                // Nothing sensible was rendered: silence rather than stale memory.
+                for (float* out : audioOut) std::fill(out + offset, out + frames, 0.0f);
+                break;
+            }
+        }
+    } else if (frames > 0 && !audioWarned) {
+        audioWarned = true;
+        log("WARNING: run() without all four audio ports connected renders nothing");
+    }
+    reportDrops();
+    midiWriter.end();
+    notifyWriter.end();
+}
+
+// ---- state ---------------------------------------------------------------------------------
+
+LV2_State_Status Plugin::save(LV2_State_Store_Function store, LV2_State_Handle handle) {
+    if (!map) return LV2_STATE_ERR_NO_FEATURE;
+    const std::optional<PropertyList> state = unit->fullState();
+    const std::optional<std::string> xml = state ? state->toXML() : std::nullopt;
+    if (!xml) {
+        log("ERROR: the state could not be written");
+        return LV2_STATE_ERR_UNKNOWN;
+    }
+    return store(handle, uris.fullState, xml->c_str(), xml->size() + 1, uris.atomString,
+                 LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE);
+}
+
+LV2_State_Status Plugin::restore(LV2_State_Retrieve_Function retrieve, LV2_State_Handle handle) {
+    if (!map) return LV2_STATE_ERR_NO_FEATURE;
+    std::size_t size = 0;
+    std::uint32_t type = 0;
+    std::uint32_t flags = 0;
+    const void* data = retrieve(handle, uris.fullState, &size, &type, &flags);
+    if (!data) {
+        log("no saved state to restore; the current settings stay");
+        return LV2_STATE_ERR_NO_PROPERTY;
+    }
+    if (type != uris.atomString) {
+        log("ERROR: the saved state is not a string; it is refused");
+        return LV2_STATE_ERR_BAD_TYPE;
+    }
+    const auto* text = static_cast<const char*>(data);
+    const PropertyListParse parsed =
+        PropertyList::parse(std::string_view(text, strnlen(text, size)));
+    if (!parsed.value) {
+        log("ERROR: the saved state is refused: " + parsed.error);
+        return LV2_STATE_ERR_UNKNOWN;
+    }
+    if (!unit->setFullState(parsed.value)) return LV2_STATE_ERR_UNKNOWN;
+    adoptPorts = true;
+    return LV2_STATE_SUCCESS;
+}
+
+// ---- C entry points ------------------------------------------------------------------------
+
+namespace {
+
+Plugin* self(LV2_Handle handle) {
+    return static_cast<Plugin*>(handle);
+}
+
+LV2_Handle instantiate(const LV2_Descriptor*, double rate, const char* bundle,
+                       const LV2_Feature* const* features) {
+    return Plugin::create(rate, bundle, features);
+}
+
+void connectPort(LV2_Handle handle, std::uint32_t port, void* data) {
+    self(handle)->connectPort(port, data);
+}
+
+void activate(LV2_Handle handle) {
+    self(handle)->activate();
+}
+
+void run(LV2_Handle handle, std::uint32_t frames) {
+    self(handle)->run(frames);
+}
+
+void deactivate(LV2_Handle) {}
+
+void cleanup(LV2_Handle handle) {
+    delete self(handle);
+}
+
+LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store,
+                           LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
+    try {
+        return self(handle)->save(store, state);
+    } catch (...) {
+        log("ERROR: the state could not be saved");
+        return LV2_STATE_ERR_UNKNOWN;
+    }
+}
+
+LV2_State_Status restoreState(LV2_Handle handle, LV2_State_Retrieve_Function retrieve,
+                              LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
+    try {
+        return self(handle)->restore(retrieve, state);
+    } catch (...) {
+        log("ERROR: the state could not be restored");
+        return LV2_STATE_ERR_UNKNOWN;
+    }
+}
+
+const LV2_State_Interface stateInterface{saveState, restoreState};
+
+const void* extensionData(const char* uri) {
+    if (uri && std::strcmp(uri, LV2_STATE__interface) == 0) return &stateInterface;
+    return nullptr;
+}
+
+const LV2_Descriptor descriptor{kPluginURI, instantiate, connectPort, activate,
+                                run,        deactivate,  cleanup,     extensionData};
+
+} // namespace
+
+} // namespace sr::lv2
+
+extern "C" LV2_SYMBOL_EXPORT const LV2_Descriptor* lv2_descriptor(std::uint32_t index) {
+    return index == 0 ? &sr::lv2::descriptor : nullptr;
+}

@@ -1,0 +1,116 @@
+// The LV2 plug-in: translates a host's run() calls, control ports, atom ports and state calls
+// into the audio unit's render block, parameter tree and full state. Behaviour lives in the
+// audio unit; this class only maps one onto the other.
+// Threading: run() is the render thread and also runs the unit's main-queue tasks, drained at
+// its start. instantiate, activate, deactivate, restore and cleanup never run concurrently with
+// run() (LV2's instantiation class); save may, and only reads atomics and its own copies.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <lv2/atom/atom.h>
+#include <lv2/atom/forge.h>
+#include <lv2/core/lv2.h>
+#include <lv2/state/state.h>
+#include <lv2/urid/urid.h>
+
+#include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
+#include "lv2/PluginURIs.h"
+#include "platform/MainQueue.h"
+#include "platform/RenderEventList.h"
+
+namespace sr::lv2 {
+
+class Plugin {
+public:
+    // Null when the sample rate is outside 8000..384000 Hz or the unit cannot render.
+    static Plugin* create(double sampleRate, const char* bundlePath,
+                          const LV2_Feature* const* features);
+    ~Plugin();
+
+    void connectPort(std::uint32_t port, void* data);
+    void activate();
+    void run(std::uint32_t frames);
+
+    LV2_State_Status save(LV2_State_Store_Function store, LV2_State_Handle handle);
+    LV2_State_Status restore(LV2_State_Retrieve_Function retrieve, LV2_State_Handle handle);
+
+    static constexpr double kMinSampleRate = 8000.0;
+    static constexpr double kMaxSampleRate = 384000.0;
+
+private:
+    struct URIDs {
+        LV2_URID atomSequence = 0, atomObject = 0, atomString = 0, midiEvent = 0;
+        LV2_URID parameterValue = 0, address = 0, value = 0, requestValues = 0, fullState = 0;
+    };
+    // A host's atom output for one run(): written as a sequence, never past its capacity.
+    struct SequenceWriter {
+        LV2_Atom_Forge forge{};
+        LV2_Atom_Forge_Frame frame{};
+        bool open = false;
+        void begin(LV2_Atom_Sequence* port);
+        bool fits(std::uint32_t bodyBytes) const;
+        void end();
+    };
+
+    Plugin(double sampleRate, const LV2_URID_Map* map, std::uint32_t maxBlock);
+
+    void readPorts();
+    void readRequests();
+    void reportEffectiveValues();
+    void queueMIDI(std::uint32_t offset, std::uint32_t frames);
+    AUAudioUnitStatus renderCall(std::uint32_t offset, std::uint32_t frames);
+    OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);
+    void reportDrops();
+
+    const LV2_URID_Map* map;
+    URIDs uris;
+    double sampleRate;
+
+    DrainedMainQueue mainQueue;
+    std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
+    AURenderBlock renderBlock;
+    AUParameterTree* tree = nullptr;
+    std::array<AUParameter*, kParameterCount> parameters{};
+    std::unique_ptr<RenderEventList<>> events;
+
+    std::array<const float*, kParameterCount> controls{};
+    const float* audioIn[2]{};
+    float* audioOut[2]{};
+    const LV2_Atom_Sequence* midiIn = nullptr;
+    LV2_Atom_Sequence* midiOut = nullptr;
+    LV2_Atom_Sequence* notify = nullptr;
+
+    // Control port values as last read, and whether each has been read since instantiation.
+    std::array<float, kParameterCount> portValues{};
+    std::array<bool, kParameterCount> portSeen{};
+    // The effective values the host and the editor have been told about.
+    std::array<float, kParameterCount> reported{};
+    // After a restore, the ports' next values are taken as they stand, so the restored state
+    // stays in effect until the host changes a port.
+    bool adoptPorts = false;
+    bool reportAll = false;
+    bool audioWarned = false;
+    // Port changes of the current run(), applied at its first frame.
+    struct PortChange {
+        std::uint32_t address;
+        float value;
+    };
+    std::array<PortChange, kParameterCount> portChanges{};
+    std::size_t portChangeCount = 0;
+
+    // Within one run(): where the current render call starts in the host's buffers.
+    std::uint32_t callOffset = 0;
+    std::uint32_t runFrames = 0;
+    double sampleTime = 0.0;
+    SequenceWriter midiWriter;
+    SequenceWriter notifyWriter;
+    std::uint64_t midiDropped = 0;
+    std::uint64_t midiDroppedReported = 0;
+    double lastDropReport = -1.0e300;
+};
+
+} // namespace sr::lv2
