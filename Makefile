@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSR_WERROR=ON
 DEMO_DIR ?= demo-out
 
-.PHONY: all deps configure build test demo bench format clean install-user
+.PHONY: all deps configure build test demo bench bench-lv2 format clean install-user
 
 all: build
 
@@ -25,6 +25,10 @@ demo: build
 
 bench: build
 	@$(BUILD)/bench/sr-chorus-bench
+
+# The plug-in against the chorus plug-ins installed from Debian (calf, guitarix, swh), by lv2bench.
+bench-lv2: build
+	@bench/lv2bench.sh $(BUILD)
 
 # The plug-in for this user's LV2 hosts; `cmake --install $(BUILD) --prefix DIR` installs it
 # system-wide under DIR/lib/lv2.

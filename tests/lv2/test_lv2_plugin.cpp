@@ -1,0 +1,474 @@
+// The LV2 plug-in as a host sees it: its description, the audio path, MIDI, state and presets.
+#include "Lv2Host.h"
+
+#include <gtest/gtest.h>
+#include <lv2/presets/presets.h>
+#include <lv2/resize-port/resize-port.h>
+#include <lv2/state/state.h>
+#include <plist/plist.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <tuple>
+
+using namespace sr;
+using namespace sr::lv2test;
+namespace fs = std::filesystem;
+
+namespace {
+
+// Every size from 1 to 64 frames, then large calls up to the announced maximum.
+std::vector<uint32_t> varyingBlocks() {
+    std::vector<uint32_t> sizes;
+    for (uint32_t n = 1; n <= 64; ++n) sizes.push_back(n);
+    for (uint32_t n : {4096u, 8191u, 16384u}) sizes.push_back(n);
+    return sizes;
+}
+
+// Renders all of `in`, cutting it into calls of the given sizes in turn.
+test::Stereo render(Instance& p, const test::Stereo& in, const std::vector<uint32_t>& sizes) {
+    test::Stereo out(in.size());
+    for (std::size_t at = 0, k = 0, n; at < in.size(); at += n, ++k) {
+        n = std::min<std::size_t>(sizes[k % sizes.size()], in.size() - at);
+        p.run(in, out, at, n);
+    }
+    return out;
+}
+
+// Index of the first frame that differs in [from, from + count), or -1.
+long firstDifference(const test::Stereo& a, const test::Stereo& b, std::size_t from = 0,
+                     std::size_t count = SIZE_MAX) {
+    const std::size_t end = std::min({a.size(), b.size(), from + std::min(count, a.size())});
+    for (std::size_t i = from; i < end; ++i)
+        if (std::memcmp(&a.left[i], &b.left[i], 4) || std::memcmp(&a.right[i], &b.right[i], 4))
+            return long(i);
+    return -1;
+}
+
+bool reported(const Instance& p, int address, float value, float tolerance = 0.0f) {
+    const auto reports = p.reports();
+    return std::any_of(reports.begin(), reports.end(), [&](const auto& r) {
+        return r.first == address && std::fabs(r.second - value) <= tolerance;
+    });
+}
+
+TEST(Lv2Plugin, DescriptionFollowsTheParameterTable) {
+    Host& h = Host::get();
+    const LilvPlugin* plugin = h.plugin;
+    ASSERT_NE(plugin, nullptr) << "urn:tav:sr-chorus not found in " SR_LV2_BUNDLE;
+    EXPECT_STREQ(lilv_node_as_string(Node(lilv_plugin_get_name(plugin))), "TAV SR Chorus");
+    EXPECT_TRUE(lilv_world_ask(h.world, lilv_plugin_get_uri(plugin), h.node(LILV_NS_RDF "type"),
+                               h.node(LV2_CORE__ChorusPlugin)));
+    // Hosts without any feature (lv2apply) must still be able to load it.
+    LilvNodes* required = lilv_plugin_get_required_features(plugin);
+    EXPECT_EQ(lilv_nodes_size(required), 0u);
+    lilv_nodes_free(required);
+    ASSERT_EQ(lilv_plugin_get_num_ports(plugin), uint32_t(kPortCount));
+
+    const auto port = [&](uint32_t index) { return lilv_plugin_get_port_by_index(plugin, index); };
+    const auto is = [&](uint32_t index, const std::string& uri) {
+        return lilv_port_is_a(plugin, port(index), h.node(uri)) ||
+               lilv_port_has_property(plugin, port(index), h.node(uri));
+    };
+    for (const ParameterInfo& info : kParameterTable) {
+        SCOPED_TRACE(std::string(info.identifier));
+        const uint32_t i = uint32_t(info.address);
+        EXPECT_TRUE(is(i, LV2_CORE__InputPort) && is(i, LV2_CORE__ControlPort));
+        EXPECT_EQ(lilv_node_as_string(lilv_port_get_symbol(plugin, port(i))), info.identifier);
+        EXPECT_EQ(lilv_node_as_string(Node(lilv_port_get_name(plugin, port(i)))), info.name);
+        LilvNode *def = nullptr, *min = nullptr, *max = nullptr;
+        lilv_port_get_range(plugin, port(i), &def, &min, &max);
+        ASSERT_TRUE(def && min && max);
+        EXPECT_EQ(lilv_node_as_float(min), info.minValue);
+        EXPECT_EQ(lilv_node_as_float(max), info.maxValue);
+        EXPECT_EQ(lilv_node_as_float(def), info.defaultValue);
+        lilv_node_free(def), lilv_node_free(min), lilv_node_free(max);
+        EXPECT_EQ(is(i, LV2_CORE__toggled), info.unit == ParameterUnit::Boolean);
+        const bool controller = info.address >= kFirstControllerAddress;
+        EXPECT_EQ(is(i, LV2_CORE__integer), controller);
+        LilvScalePoints* points = lilv_port_get_scale_points(plugin, port(i));
+        EXPECT_EQ(points ? lilv_scale_points_size(points) : 0u, controller ? 1u : 0u);
+        if (controller && points) {
+            const LilvScalePoint* p =
+                lilv_scale_points_get(points, lilv_scale_points_begin(points));
+            EXPECT_STREQ(lilv_node_as_string(lilv_scale_point_get_label(p)), "None");
+            EXPECT_EQ(lilv_node_as_float(lilv_scale_point_get_value(p)), kNoController);
+        }
+        lilv_scale_points_free(points);
+    }
+
+    const std::string in = LV2_CORE__InputPort, out = LV2_CORE__OutputPort,
+                      audio = LV2_CORE__AudioPort, atom = LV2_ATOM__AtomPort;
+    const std::tuple<uint32_t, const char*, std::string, std::string> others[] = {
+        {kInL, "in_l", in, audio},      {kInR, "in_r", in, audio},
+        {kOutL, "out_l", out, audio},   {kOutR, "out_r", out, audio},
+        {kMidiIn, "midi_in", in, atom}, {kMidiOut, "midi_out", out, atom},
+        {kNotify, "notify", out, atom},
+    };
+    for (const auto& [i, symbol, direction, kind] : others) {
+        SCOPED_TRACE(symbol);
+        EXPECT_STREQ(lilv_node_as_string(lilv_port_get_symbol(plugin, port(i))), symbol);
+        EXPECT_TRUE(is(i, direction) && is(i, kind));
+        if (kind != atom) continue;
+        Node bufferType(lilv_port_get(plugin, port(i), h.node(LV2_ATOM__bufferType)));
+        EXPECT_TRUE(bufferType.node && lilv_node_equals(bufferType, h.node(LV2_ATOM__Sequence)));
+        EXPECT_TRUE(is(i, LV2_CORE__connectionOptional));
+        EXPECT_EQ(lilv_port_supports_event(plugin, port(i), h.node(LV2_MIDI__MidiEvent)),
+                  i != kNotify);
+        if (i == kMidiIn) continue;
+        Node size(lilv_port_get(plugin, port(i), h.node(LV2_RESIZE_PORT__minimumSize)));
+        EXPECT_TRUE(size.node && lilv_node_as_int(size) == 8192);
+    }
+    EXPECT_STREQ(lilv_node_as_string(Node(lilv_port_get_name(plugin, port(kMidiOut)))),
+                 "TAV SR Chorus MIDI Out");
+}
+
+// Full-scale noise through the defaults, in calls of every size, with and without host features.
+TEST(Lv2Plugin, DefaultsRenderNoiseFiniteAudibleAndWithinFullScale) {
+    const test::Stereo in = test::noise(3 * 48000, 11, 1.0f);
+    for (bool withFeatures : {true, false}) {
+        SCOPED_TRACE(withFeatures ? "with features" : "without features");
+        Instance p(withFeatures);
+        ASSERT_NE(p.raw, nullptr);
+        const test::Stereo out = render(p, in, varyingBlocks());
+        for (const auto* side : {&out.left, &out.right}) {
+            EXPECT_TRUE(test::allFinite(*side));
+            EXPECT_LE(test::peak(*side), 1.0f); // the limiter is on by default
+            EXPECT_GT(test::peak(*side), 0.1f);
+        }
+        EXPECT_NE(firstDifference(in, out), -1) << "the chorus left the input untouched";
+    }
+}
+
+TEST(Lv2Plugin, DryMixWithoutLimiterIsBitTransparentFromFrameZeroAtAnyBlockSize) {
+    Instance p;
+    p.control[kChorusDryWet] = 0.0f;
+    p.control[kFinalLimit] = 0.0f;
+    const test::Stereo in = test::noise(2 * 31000, 5, 1.0f);
+    EXPECT_EQ(firstDifference(in, render(p, in, varyingBlocks())), -1);
+}
+
+TEST(Lv2Plugin, BoundControllerActsOneRunLaterUntilThePortMoves) {
+    constexpr std::size_t n = 512;
+    Instance p;
+    p.control[kFinalLimit] = 0.0f;
+    const test::Stereo in = test::noise(4 * n, 3);
+    test::Stereo out(in.size());
+
+    p.midi(5, {0xB6, 24, 0}); // CC 24 on channel 7: bindings listen on every channel
+    p.run(in, out, 0, n);
+    EXPECT_NE(firstDifference(in, out, 0, n), -1) << "the controller acted in its own run";
+    p.run(in, out, n, n);
+    EXPECT_TRUE(reported(p, kChorusDryWet, 0.0f));
+    p.run(in, out, 2 * n, n);
+    EXPECT_EQ(p.control[kChorusDryWet], 0.5f);
+    EXPECT_EQ(firstDifference(in, out, n, 2 * n), -1) << "not dry after the controller's change";
+
+    p.control[kChorusDryWet] = 1.0f;
+    p.run(in, out, 3 * n, n);
+    EXPECT_NE(firstDifference(in, out, 3 * n, n), -1) << "the moved port did not win";
+}
+
+TEST(Lv2Plugin, MidiPassesThroughInOrderAndWithinTheOutputCapacity) {
+    constexpr uint32_t n = 256;
+    const std::vector<MidiEvent> sent = {
+        {0, {0x90, 60, 100}},
+        {7, {0xB0, 1, 64}}, // the modulation wheel is bound to nothing
+        {7, {0xE3, 0x00, 0x40}},
+        {n - 1, {0xF0, 0x7E, 0x7F, 0x06, 0x01, 0xF7}},
+    };
+    Instance p;
+    const test::Stereo in = test::silence(n);
+    test::Stereo out(n);
+    // 8 bytes of sequence header and 24 per event: the first two fit into 64 bytes. An odd
+    // capacity must not make the plug-in claim more than it was given.
+    for (auto [capacity, fits] : {std::pair{8192u, 4}, std::pair{64u, 2}, std::pair{51u, -1}}) {
+        SCOPED_TRACE(capacity);
+        for (const MidiEvent& e : sent) p.midi(uint32_t(e.frame), e.bytes);
+        p.midiOutCapacity = capacity;
+        p.run(in, out, 0, n);
+        EXPECT_EQ(p.midiOutSequence()->atom.type, Host::get().urid(LV2_ATOM__Sequence));
+        EXPECT_LE(p.midiOutSequence()->atom.size, capacity);
+        EXPECT_TRUE(p.midiOutGuardIntact());
+        const std::vector<MidiEvent> got = p.midiOut();
+        ASSERT_LE(got.size(), sent.size());
+        EXPECT_TRUE(std::equal(got.begin(), got.end(), sent.begin()));
+        EXPECT_TRUE(fits < 0 || got.size() == std::size_t(fits)) << got.size() << " events";
+    }
+}
+
+// The plug-in's own state through its state interface, with our store and retrieve.
+struct StateValue {
+    std::string bytes;
+    uint32_t type = 0, flags = 0;
+    bool present = false;
+};
+constexpr uint32_t kStateFlags = LV2_STATE_IS_POD | LV2_STATE_IS_PORTABLE;
+
+const LV2_State_Interface* stateInterface(Instance& p) {
+    return static_cast<const LV2_State_Interface*>(
+        lilv_instance_get_extension_data(p.raw, LV2_STATE__interface));
+}
+
+StateValue saveFullState(Instance& p) {
+    std::map<uint32_t, StateValue> stored;
+    auto store = [](void* h, uint32_t key, const void* value, size_t size, uint32_t type,
+                    uint32_t flags) {
+        (*static_cast<std::map<uint32_t, StateValue>*>(h))[key] = {
+            std::string(static_cast<const char*>(value), size), type, flags, true};
+        return LV2_STATE_SUCCESS;
+    };
+    EXPECT_EQ(stateInterface(p)->save(lilv_instance_get_handle(p.raw), store, &stored, kStateFlags,
+                                      Host::get().features),
+              LV2_STATE_SUCCESS);
+    EXPECT_EQ(stored.size(), 1u);
+    return stored[Host::get().urid(kNs + "fullState")];
+}
+
+LV2_State_Status restoreFullState(Instance& p, StateValue v) {
+    auto retrieve = [](void* h, uint32_t key, size_t* size, uint32_t* type,
+                       uint32_t* flags) -> const void* {
+        const auto* v = static_cast<const StateValue*>(h);
+        if (key != Host::get().urid(kNs + "fullState") || !v->present) return nullptr;
+        *size = v->bytes.size(), *type = v->type, *flags = v->flags;
+        return v->bytes.data();
+    };
+    return stateInterface(p)->restore(lilv_instance_get_handle(p.raw), retrieve, &v, kStateFlags,
+                                      Host::get().features);
+}
+
+// Port values to lilv from an Instance, and from lilv into a map by symbol.
+const void* getPortValue(const char* symbol, void* instance, uint32_t* size, uint32_t* type) {
+    const ParameterInfo* info = parameterInfo(std::string_view(symbol));
+    if (!info) return nullptr;
+    *size = sizeof(float), *type = Host::get().urid(LV2_ATOM__Float);
+    return &static_cast<Instance*>(instance)->control[info->address];
+}
+
+void setPortValue(const char* symbol, void* values, const void* value, uint32_t, uint32_t type) {
+    Host& h = Host::get();
+    float v = 0.0f;
+    if (type == h.urid(LV2_ATOM__Float))
+        v = *static_cast<const float*>(value);
+    else if (type == h.urid(LV2_ATOM__Double))
+        v = float(*static_cast<const double*>(value));
+    else if (type == h.urid(LV2_ATOM__Int))
+        v = float(*static_cast<const int32_t*>(value));
+    else
+        ADD_FAILURE() << symbol << ": a port value of type " << h.uri(type);
+    (*static_cast<std::map<std::string, float>*>(values))[symbol] = v;
+}
+
+void applyPortValues(const std::map<std::string, float>& values, Instance& p) {
+    for (const auto& [symbol, value] : values)
+        if (const ParameterInfo* info = parameterInfo(std::string_view(symbol)))
+            p.control[info->address] = value;
+}
+
+LilvState* snapshot(Instance& p, const fs::path& dir) {
+    Host& h = Host::get();
+    const char* d = dir.c_str();
+    return lilv_state_new_from_instance(h.plugin, p.raw, &h.map, d, d, d, d, getPortValue, &p,
+                                        kStateFlags, h.features);
+}
+
+TEST(Lv2State, SaveRestoreSaveKeepsBytesAndSound) {
+    Host& h = Host::get();
+    constexpr std::size_t n = 256, warmUp = 8 * n;
+    const test::Stereo silence = test::silence(warmUp);
+    test::Stereo scratch(warmUp);
+
+    Instance a;
+    a.control[kChorusDepth] = 0.8f;
+    a.control[kChorusFeedback] = 0.6f;
+    a.control[kChorusLFOFrequency] = 0.7f;
+    a.control[kChorusDelay + kControllerOffset] = 40.0f; // CC 40 now drives the delay
+    a.midi(0, {0xB2, 40, 100});
+    bool delayReported = false;
+    for (std::size_t at = 0; at < warmUp; at += n) {
+        a.run(silence, scratch, at, n);
+        delayReported |= reported(a, kChorusDelay, 100.0f / 127.0f, 1e-6f);
+    }
+    EXPECT_TRUE(delayReported) << "the rebound controller did not reach the delay";
+
+    std::string dirTemplate = (fs::temp_directory_path() / "sr-lv2-state-XXXXXX").string();
+    const fs::path dir = mkdtemp(dirTemplate.data());
+    LilvState* stateA = snapshot(a, dir);
+    ASSERT_NE(stateA, nullptr);
+    const StateValue bytesA = saveFullState(a);
+    ASSERT_TRUE(bytesA.present);
+    EXPECT_EQ(bytesA.type, h.urid(LV2_ATOM__String));
+    EXPECT_EQ(bytesA.flags & kStateFlags, kStateFlags);
+    EXPECT_NE(bytesA.bytes.find("<plist"), std::string::npos);
+
+    // B gets A's state the way a session does: through a state file written and read by lilv.
+    ASSERT_EQ(lilv_state_save(h.world, &h.map, &h.unmap, stateA, nullptr, dir.c_str(), "a.ttl"), 0);
+    LilvState* loaded = lilv_state_new_from_file(h.world, &h.map, nullptr, (dir / "a.ttl").c_str());
+    ASSERT_NE(loaded, nullptr);
+    Instance b;
+    std::map<std::string, float> ports;
+    lilv_state_restore(loaded, b.raw, setPortValue, &ports, kStateFlags, h.features);
+    lilv_state_free(loaded);
+    EXPECT_EQ(ports.size(), kParameterCount);
+    applyPortValues(ports, b);
+    EXPECT_EQ(saveFullState(b).bytes, bytesA.bytes) << "saved again before B's first run";
+    // The same silent history as A, so that delay lines and LFO phase match.
+    for (std::size_t at = 0; at < warmUp; at += n) b.run(silence, scratch, at, n);
+    LilvState* stateB = snapshot(b, dir);
+    ASSERT_NE(stateB, nullptr);
+    EXPECT_TRUE(lilv_state_equals(stateA, stateB));
+    EXPECT_EQ(saveFullState(b).bytes, bytesA.bytes);
+    lilv_state_free(stateA);
+    lilv_state_free(stateB);
+    fs::remove_all(dir);
+
+    const test::Stereo in = test::noise(48000, 9);
+    const test::Stereo outA = render(a, in, {n}), outB = render(b, in, {n});
+    EXPECT_EQ(firstDifference(outA, outB), -1);
+    EXPECT_NE(firstDifference(in, outA), -1);
+}
+
+TEST(Lv2State, MalformedOrMissingStateIsRefusedAndChangesNothing) {
+    constexpr std::size_t n = 256;
+    Instance other;
+    other.control[kChorusDryWet] = 1.0f;
+    other.control[kChorusDepth] = 1.0f;
+    test::Stereo scratch(n);
+    other.run(test::silence(n), scratch, 0, n);
+    const StateValue valid = saveFullState(other);
+    ASSERT_TRUE(valid.present);
+
+    const auto withText = [&](std::string text) {
+        StateValue v = valid;
+        v.bytes = std::move(text);
+        return v;
+    };
+    std::string wrongKinds = valid.bytes;
+    for (auto [from, to] : {std::pair{"<real>", "<string>"}, std::pair{"</real>", "</string>"}})
+        for (std::size_t at; (at = wrongKinds.find(from)) != std::string::npos;)
+            wrongKinds.replace(at, std::strlen(from), to);
+    StateValue wrongType = valid;
+    wrongType.type = Host::get().urid(LV2_ATOM__Chunk);
+    const std::pair<const char*, StateValue> bad[] = {
+        {"missing", StateValue{}},
+        {"not a property list", withText("not a property list")},
+        {"truncated", withText(valid.bytes.substr(0, valid.bytes.size() / 2))},
+        {"not a dictionary", withText("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist "
+                                      "version=\"1.0\"><string>x</string></plist>\n")},
+        {"numbers as strings", withText(wrongKinds)},
+        {"not an atom:String", wrongType},
+    };
+
+    Instance p, twin;
+    const test::Stereo in = test::noise(4 * n, 21);
+    test::Stereo outP(in.size()), outTwin(in.size());
+    p.run(in, outP, 0, n);
+    twin.run(in, outTwin, 0, n);
+    for (const auto& [what, value] : bad)
+        EXPECT_NE(restoreFullState(p, value), LV2_STATE_SUCCESS) << what;
+    for (std::size_t at = n; at < in.size(); at += n) {
+        p.run(in, outP, at, n);
+        EXPECT_TRUE(p.reports().empty());
+        twin.run(in, outTwin, at, n);
+    }
+    EXPECT_EQ(firstDifference(outP, outTwin), -1);
+    EXPECT_EQ(saveFullState(p).bytes, saveFullState(twin).bytes);
+}
+
+// Reads a factory ".aupreset" on its own: its name and its groups of {address, value}.
+std::pair<std::string, std::map<uint64_t, double>> readAupreset(const fs::path& file) {
+    std::ifstream f(file, std::ios::binary);
+    const std::string text((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    plist_t root = nullptr;
+    plist_from_memory(text.data(), uint32_t(text.size()), &root);
+    const auto item = [](plist_t dict, const std::string& key) {
+        return plist_dict_get_item(dict, key.c_str());
+    };
+    const auto integer = [](plist_t node) {
+        uint64_t v = 0;
+        plist_get_uint_val(node, &v);
+        return v;
+    };
+    char* name = nullptr;
+    plist_get_string_val(item(root, "name"), &name);
+    std::pair<std::string, std::map<uint64_t, double>> preset{name ? name : "", {}};
+    std::free(name);
+    for (uint64_t g = 0, groups = integer(item(root, "count")); g < groups; ++g) {
+        plist_t group = item(root, "group " + std::to_string(g));
+        for (uint64_t i = 0, count = integer(item(group, "count")); i < count; ++i) {
+            plist_t param = item(group, "param " + std::to_string(i)), value = item(param, "value");
+            double v = double(int64_t(integer(value)));
+            plist_get_real_val(value, &v); // leaves v alone unless it is a real
+            preset.second[integer(item(param, "address"))] = v;
+        }
+    }
+    plist_free(root);
+    return preset;
+}
+
+TEST(Lv2Presets, EveryPresetRestoresItsFactoryFile) {
+    Host& h = Host::get();
+    std::map<std::string, std::map<uint64_t, double>> factory;
+    for (const auto& entry : fs::directory_iterator(SR_FACTORY_PRESETS))
+        if (entry.path().extension() == ".aupreset") {
+            auto [name, values] = readAupreset(entry.path());
+            EXPECT_EQ(values.size(), kParameterCount) << entry.path();
+            factory[name] = values;
+        }
+    ASSERT_EQ(factory.size(), 10u);
+
+    LilvNodes* presets = lilv_plugin_get_related(h.plugin, h.node(LV2_PRESETS__Preset));
+    ASSERT_NE(presets, nullptr);
+    EXPECT_EQ(lilv_nodes_size(presets), 10u);
+    std::size_t matched = 0;
+    LILV_FOREACH(nodes, it, presets) {
+        const LilvNode* preset = lilv_nodes_get(presets, it);
+        SCOPED_TRACE(lilv_node_as_uri(preset));
+        EXPECT_GE(lilv_world_load_resource(h.world, preset), 1) << "its data file did not parse";
+        Node label(lilv_world_get(h.world, preset, h.node(LILV_NS_RDFS "label"), nullptr));
+        ASSERT_NE(label.node, nullptr);
+        const auto found = factory.find(lilv_node_as_string(label));
+        ASSERT_NE(found, factory.end()) << "no factory file named " << lilv_node_as_string(label);
+        ++matched;
+        std::string slug = found->first;
+        for (char& c : slug) c = c == ' ' ? '-' : char(std::tolower(c));
+        EXPECT_EQ(lilv_node_as_uri(preset), kNs + "preset-" + slug);
+
+        LilvState* state = lilv_state_new_from_world(h.world, &h.map, preset);
+        ASSERT_NE(state, nullptr);
+        Instance p;
+        std::map<std::string, float> ports;
+        lilv_state_restore(state, p.raw, setPortValue, &ports, 0, h.features);
+        lilv_state_free(state);
+        EXPECT_EQ(ports.size(), kParameterCount);
+        for (const ParameterInfo& info : kParameterTable)
+            EXPECT_EQ(ports[std::string(info.identifier)], float(found->second[info.address]))
+                << info.identifier;
+        // The restored ports become the plug-in's effective values.
+        applyPortValues(ports, p);
+        p.requestValues();
+        test::Stereo scratch(64);
+        p.run(test::silence(64), scratch, 0, 64);
+        const auto reports = p.reports();
+        const std::map<int, float> effective(reports.begin(), reports.end());
+        EXPECT_EQ(effective.size(), kParameterCount);
+        for (const auto& [address, value] : effective)
+            EXPECT_EQ(value, float(found->second[uint64_t(address)])) << "address " << address;
+
+        // The same values set on the ports alone sound the same, split points that move past
+        // each other included.
+        Instance q;
+        applyPortValues(ports, q);
+        q.run(test::silence(64), scratch, 0, 64);
+        const test::Stereo in = test::noise(8192, 11);
+        EXPECT_EQ(firstDifference(render(p, in, {512}), render(q, in, {512})), -1);
+    }
+    lilv_nodes_free(presets);
+    EXPECT_EQ(matched, factory.size());
+}
+
+} // namespace
