@@ -152,6 +152,33 @@ TEST(Lv2Plugin, DryMixWithoutLimiterIsBitTransparentFromFrameZeroAtAnyBlockSize)
     EXPECT_EQ(firstDifference(in, render(p, in, varyingBlocks())), -1);
 }
 
+TEST(Lv2Plugin, InPlaceAliasedAndEmptyRunsKeepToTheBuffers) {
+    const test::Stereo in = test::noise(4096, 9);
+    Instance reference, inPlace, aliased;
+    const test::Stereo expected = render(reference, in, {256});
+
+    // Input and output on the same memory, with empty runs in between.
+    test::Stereo shared = in;
+    for (std::size_t at = 0; at < in.size(); at += 256) {
+        inPlace.run(shared, shared, at, 0);
+        inPlace.run(shared, shared, at, 256);
+    }
+    EXPECT_EQ(firstDifference(expected, shared), -1);
+
+    // Both outputs on one buffer with a NaN guard behind the call: finite, nothing past n.
+    std::vector<float> out(256 + 16, std::nanf(""));
+    for (std::size_t at = 0; at < in.size(); at += 256) {
+        test::Stereo scratch(in.size());
+        aliased.run(in, scratch, at, 0); // connects the inputs
+        lilv_instance_connect_port(aliased.raw, kOutL, out.data());
+        lilv_instance_connect_port(aliased.raw, kOutR, out.data());
+        lilv_instance_run(aliased.raw, 256);
+        ASSERT_TRUE(
+            std::all_of(out.begin(), out.begin() + 256, [](float v) { return std::isfinite(v); }));
+        ASSERT_TRUE(std::all_of(out.begin() + 256, out.end(), [](float v) { return v != v; }));
+    }
+}
+
 TEST(Lv2Plugin, BoundControllerActsOneRunLaterUntilThePortMoves) {
     constexpr std::size_t n = 512;
     Instance p;
