@@ -152,6 +152,15 @@ TEST(Lv2Plugin, DryMixWithoutLimiterIsBitTransparentFromFrameZeroAtAnyBlockSize)
     EXPECT_EQ(firstDifference(in, render(p, in, varyingBlocks())), -1);
 }
 
+TEST(Lv2Plugin, InstantiatesAtEverySampleRateFrom8To384kHz) {
+    Host& h = Host::get();
+    for (double rate : {8000.0, 44100.5, 384000.0, 7999.0, 384001.0, 0.0}) {
+        LilvInstance* instance = lilv_plugin_instantiate(h.plugin, rate, h.features);
+        EXPECT_EQ(instance != nullptr, rate >= 8000.0 && rate <= 384000.0) << rate;
+        if (instance) lilv_instance_free(instance);
+    }
+}
+
 TEST(Lv2Plugin, InPlaceAliasedAndEmptyRunsKeepToTheBuffers) {
     const test::Stereo in = test::noise(4096, 9);
     Instance reference, inPlace, aliased;
@@ -477,8 +486,16 @@ TEST(Lv2Presets, EveryPresetRestoresItsFactoryFile) {
                 << info.identifier;
         // The restored ports become the plug-in's effective values.
         applyPortValues(ports, p);
-        p.requestValues();
         test::Stereo scratch(64);
+        // Restored inside the plug-in: every value that moved is reported unasked.
+        p.run(test::silence(64), scratch, 0, 64);
+        for (const ParameterInfo& info : kParameterTable) {
+            const float value = float(found->second[info.address]);
+            if (value != info.defaultValue) {
+                EXPECT_TRUE(reported(p, int(info.address), value)) << info.identifier;
+            }
+        }
+        p.requestValues();
         p.run(test::silence(64), scratch, 0, 64);
         const auto reports = p.reports();
         const std::map<int, float> effective(reports.begin(), reports.end());
@@ -490,7 +507,7 @@ TEST(Lv2Presets, EveryPresetRestoresItsFactoryFile) {
         // each other included.
         Instance q;
         applyPortValues(ports, q);
-        q.run(test::silence(64), scratch, 0, 64);
+        for (int i = 0; i < 2; ++i) q.run(test::silence(64), scratch, 0, 64);
         const test::Stereo in = test::noise(8192, 11);
         EXPECT_EQ(firstDifference(render(p, in, {512}), render(q, in, {512})), -1);
     }
