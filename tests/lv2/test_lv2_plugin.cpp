@@ -464,7 +464,9 @@ TEST(Lv2Presets, EveryPresetRestoresItsFactoryFile) {
     LILV_FOREACH(nodes, it, presets) {
         const LilvNode* preset = lilv_nodes_get(presets, it);
         SCOPED_TRACE(lilv_node_as_uri(preset));
-        EXPECT_GE(lilv_world_load_resource(h.world, preset), 1) << "its data file did not parse";
+        // Usually loaded with the plug-in's data already; a file that does not parse shows
+        // below as missing port values.
+        lilv_world_load_resource(h.world, preset);
         Node label(lilv_world_get(h.world, preset, h.node(LILV_NS_RDFS "label"), nullptr));
         ASSERT_NE(label.node, nullptr);
         const auto found = factory.find(lilv_node_as_string(label));
@@ -480,7 +482,7 @@ TEST(Lv2Presets, EveryPresetRestoresItsFactoryFile) {
         std::map<std::string, float> ports;
         lilv_state_restore(state, p.raw, setPortValue, &ports, 0, h.features);
         lilv_state_free(state);
-        EXPECT_EQ(ports.size(), kParameterCount);
+        ASSERT_EQ(ports.size(), kParameterCount) << "the preset's data file did not parse";
         for (const ParameterInfo& info : kParameterTable)
             EXPECT_EQ(ports[std::string(info.identifier)], float(found->second[info.address]))
                 << info.identifier;
