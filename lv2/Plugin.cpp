@@ -223,17 +223,17 @@ void Plugin::readRequests() {
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
         if (object->atom.size >= sizeof(LV2_Atom_Object_Body) &&
             object->body.otype == uris.requestValues)
-            reportAll = true;
+            reportRequested.fill(true);
     }
 }
 
 void Plugin::reportEffectiveValues() {
     for (std::size_t i = 0; i < kParameterCount; ++i) {
         const float value = parameters[i]->value();
-        if (!reportAll && sameBits(value, reported[i])) continue;
+        if (!reportRequested[i] && sameBits(value, reported[i])) continue;
         if (notifyWriter.open) {
-            // Not reported for lack of room: tried again next call.
-            if (!notifyWriter.fits(kNotifyEventBytes)) continue;
+            // What finds no room is reported next call.
+            if (!notifyWriter.fits(kNotifyEventBytes)) return;
             LV2_Atom_Forge& forge = notifyWriter.forge;
             LV2_Atom_Forge_Frame object;
             lv2_atom_forge_frame_time(&forge, 0);
@@ -245,8 +245,8 @@ void Plugin::reportEffectiveValues() {
             lv2_atom_forge_pop(&forge, &object);
         }
         reported[i] = value;
+        reportRequested[i] = false;
     }
-    reportAll = false;
 }
 
 void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {

@@ -93,7 +93,8 @@ private:
     // After a restore, the ports' next values are taken as they stand, so the restored state
     // stays in effect until the host changes a port.
     bool adoptPorts = false;
-    bool reportAll = false;
+    // Values an editor asked for, reported whether they changed or not.
+    std::array<bool, kParameterCount> reportRequested{};
     bool audioWarned = false;
     // Port changes of the current run(), applied at its first frame.
     struct PortChange {

@@ -119,7 +119,7 @@ public:
     void run(const test::Stereo& in, test::Stereo& out, std::size_t from, std::size_t count) {
         writeInput();
         prepareOutput(midiOut_, midiOutCapacity);
-        prepareOutput(notify_, kCapacity);
+        prepareOutput(notify_, notifyCapacity);
         lilv_instance_connect_port(raw, kInL, const_cast<float*>(&in.left[from]));
         lilv_instance_connect_port(raw, kInR, const_cast<float*>(&in.right[from]));
         lilv_instance_connect_port(raw, kOutL, &out.left[from]);
@@ -169,6 +169,7 @@ public:
     LilvInstance* raw = nullptr;
     float control[kParameterCount];
     uint32_t midiOutCapacity = kCapacity;
+    uint32_t notifyCapacity = kCapacity;
 
 private:
     static constexpr uint32_t kCapacity = 8192;

@@ -209,6 +209,22 @@ TEST(Lv2Plugin, BoundControllerActsOneRunLaterUntilThePortMoves) {
     EXPECT_NE(firstDifference(in, out, 3 * n, n), -1) << "the moved port did not win";
 }
 
+TEST(Lv2Plugin, ReportsThatFindNoRoomFollowInLaterCalls) {
+    Instance p;
+    p.notifyCapacity = 200; // two reports a call
+    test::Stereo scratch(64);
+    p.requestValues();
+    std::map<int, float> seen;
+    for (int call = 0; call < 20; ++call) {
+        p.run(test::silence(64), scratch, 0, 64);
+        EXPECT_LE(p.reports().size(), 2u);
+        for (const auto& [address, value] : p.reports()) seen[address] = value;
+    }
+    EXPECT_EQ(seen.size(), kParameterCount);
+    for (const ParameterInfo& info : kParameterTable)
+        EXPECT_EQ(seen[int(info.address)], info.defaultValue) << info.identifier;
+}
+
 TEST(Lv2Plugin, MidiPassesThroughInOrderAndWithinTheOutputCapacity) {
     constexpr uint32_t n = 256;
     const std::vector<MidiEvent> sent = {
