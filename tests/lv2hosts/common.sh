@@ -37,11 +37,11 @@ trap cleanup EXIT
 trap 'exit 130' INT TERM
 
 # lilv knows class labels and port types only from the LV2 vocabulary bundles (core, atom,
-# ...; their manifests declare lv2:Specification), so links to those join the build tree's
-# folder; no installed plug-in bundle, and so no installed copy of ours, is on the path.
+# ...), so links to those join the build tree's folder. They declare no plug-in, so no
+# installed plug-in bundle, and so no installed copy of ours, is on the path.
 mkdir "$WORK/vocab"
 for m in "$SYSTEM_LV2_DIR"/*.lv2/manifest.ttl; do
-    if grep -q 'lv2:Specification' "$m"; then ln -s "$(dirname "$m")" "$WORK/vocab/"; fi
+    if ! grep -qE 'lv2:Plugin|lv2core#Plugin' "$m"; then ln -s "$(dirname "$m")" "$WORK/vocab/"; fi
 done
 export LV2_PATH="$LV2_DIR:$WORK/vocab"
 # Hosts that keep scratch files put them in our temp dir.

@@ -1,13 +1,22 @@
 #!/usr/bin/env bash
-# lilv finds the plug-in in the build tree and describes it as the parameter table says:
-# name, class, 36 ports with their ranges and properties, one LV2 preset per factory file.
+# lilv's command-line tools find the plug-in in the build tree and list it with its name,
+# class, ports and presets (the lilv test host checks every port against the parameter table).
 source "$(dirname "$0")/common.sh"
-need lv2ls lv2info python3
+need lv2ls lv2info
 
 lv2ls >"$WORK/ls.txt" || fail "lv2ls failed"
 [ "$(grep -cx "$URI" "$WORK/ls.txt")" = 1 ] || { cat "$WORK/ls.txt" >&2; fail "lv2ls does not list $URI once"; }
 run lv2info "$URI"
-mv "$WORK/run.log" "$WORK/info.txt"
-python3 "$HERE/lv2meta.py" lv2info "$SOURCE_DIR" "$BUNDLE" "$WORK/info.txt" ||
-    { cat "$WORK/info.txt" >&2; fail "lv2info's description does not match the parameter table"; }
+info="$WORK/run.log"
+expect() { grep -qE "$1" "$info" || { cat "$info" >&2; fail "lv2info shows no '$1'"; }; }
+expect "^\s*Name: +TAV SR Chorus$"
+expect "^\s*Class: +Chorus Plugin$"
+expect "^\s*Bundle: +file://$BUNDLE/$"
+[ "$(grep -cE '^\s*Port [0-9]+:' "$info")" = 36 ] || fail "lv2info does not show 36 ports"
+expect 'Symbol: +kChorusDryWet$'
+expect 'Name: +TAV SR Chorus MIDI Out$'
+for f in "$BUNDLE"/factory/*.aupreset; do
+    name=$(basename "$f" .aupreset)
+    grep -qxE "\s+$name" "$info" || fail "lv2info does not list the preset '$name'"
+done
 echo "ok: lv2info lists $URI as described"

@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # jalv runs the plug-in in real time on a private dummy JACK server: its ports appear,
-# audio passes, MIDI passes through, every factory preset applies the values of its file,
-# and SIGINT ends jalv normally (jalv catches it and exits 0; anything else fails).
+# audio passes, MIDI passes through, and SIGINT ends jalv normally (jalv catches it and exits
+# 0; anything else fails).
 source "$(dirname "$0")/common.sh"
 need stdbuf jackd jalv jack_wait jack_lsp jack_connect jack_midiseq jack_midi_dump jack_metro \
-    jack_rec python3
+    jack_rec
 cd "$WORK"
 
 SERVER=srtest$$
@@ -86,37 +86,15 @@ timeout 20 jack_rec -f rec.wav -d 2 "$CLIENT:out_l" "$CLIENT:out_r" >/dev/null 2
     fail "jack_rec could not record jalv's outputs"
 wavtool level rec.wav 0.01 || fail "jalv's audio output is wrong"
 
-# Presets through jalv's console. Its "preset" command uses only preset data already
-# loaded, and "presets" is what loads each preset's file; jalv prints all controls after
-# each preset it applies.
-mapfile -t presets < <(python3 "$HERE/lv2meta.py" preset-names "$BUNDLE")
-[ ${#presets[@]} -gt 0 ] || fail "no factory presets in $BUNDLE/factory"
-echo presets >&3
-names=()
-for line in "${presets[@]}"; do
-    names+=("${line%%$'\t'*}")
-    echo "preset $URI#preset-${line#*$'\t'}" >&3
-done
-
-# Let it run 5 s in all and apply every preset, then end it as a user would.
-for ((i = 0; i < 100; i++)); do
-    blocks=$(grep -cE '^(> )*kDisplayContrast = ' jalv.out || true)
-    ((blocks > ${#names[@]} && SECONDS - started >= 5)) && break
-    sleep 0.1
-done
+# Five seconds in all, then end it as a user would.
+while ((SECONDS - started < 5)); do sleep 0.2; done
 kill -0 "$JALV" 2>/dev/null || fail "jalv died while running: $(cat jalv.out jalv.err)"
 stop "$JALV" INT
 [ "$STATUS" = 0 ] || fail "jalv exited with status $STATUS after SIGINT: $(cat jalv.err)"
 stop "$MON" # it writes what it saw on the way out
 
 if grep -Ei 'error|fail|warn' jalv.err; then fail "jalv or lilv reported problems"; fi
-for line in "${presets[@]}"; do
-    grep -qxF "$URI#preset-${line#*$'\t'} (${line%%$'\t'*})" jalv.out ||
-        fail "jalv does not list preset '${line%%$'\t'*}'"
-done
-python3 "$HERE/lv2meta.py" jalv "$SOURCE_DIR" "$BUNDLE" jalv.out kChorusDryWet=0.9 -- \
-    "${names[@]}" || { cat jalv.out >&2; fail "jalv's control values are wrong"; }
 for ev in '90 3c 40' '80 3c 40' '90 3f 40' '80 3f 40'; do
     grep -q ": $ev " midi.txt || { cat midi.txt >&2; fail "MIDI '$ev' did not pass through"; }
 done
-echo "ok: jalv ran $((SECONDS - started)) s; audio, MIDI and ${#names[@]} presets pass"
+echo "ok: jalv ran $((SECONDS - started)) s; audio and MIDI pass"
