@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <new>
 
 #include <lv2/atom/util.h>
 #include <lv2/buf-size/buf-size.h>
