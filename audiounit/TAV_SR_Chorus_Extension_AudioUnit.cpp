@@ -7,6 +7,7 @@
 #include "kernel/ParameterTable.h"
 #include "platform/DocumentsDirectory.h"
 #include "platform/PrintQueue.h"
+#include "util/FlushDenormals.h"
 #include "util/SafeConvert.h"
 
 namespace {
@@ -317,6 +318,7 @@ AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
                      AUAudioFrameCount frameCount, NSInteger outputBusNumber,
                      AudioBufferList* outputData, const AURenderEvent* realtimeEventListHead,
                      AURenderPullInputBlock pullInputBlock) -> AUAudioUnitStatus {
+        const sr::FlushDenormals flush;
         if (outputBusNumber != 0) {
             sr::LineBuilder<> line;
             line << kPrefix << "::internalRenderBlock : WARNING: We have a got a bus number != 0 : "

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cfloat>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -150,6 +151,21 @@ TEST(Lv2Plugin, DryMixWithoutLimiterIsBitTransparentFromFrameZeroAtAnyBlockSize)
     p.control[kFinalLimit] = 0.0f;
     const test::Stereo in = test::noise(2 * 31000, 5, 1.0f);
     EXPECT_EQ(firstDifference(in, render(p, in, varyingBlocks())), -1);
+}
+
+TEST(Lv2Plugin, NearSilentInputGivesNoSubnormalOutput) {
+    // Noise a few steps around the smallest normal float, as a fading host track ends.
+    test::Stereo in = test::noise(48000, 21, 4.0f * FLT_MIN);
+    for (float feedback : {0.33f, 1.0f}) {
+        Instance p;
+        p.control[kChorusFeedback] = feedback;
+        const test::Stereo out = render(p, in, {256});
+        const auto subnormal = [](float v) { return std::fpclassify(v) == FP_SUBNORMAL; };
+        EXPECT_EQ(std::count_if(out.left.begin(), out.left.end(), subnormal) +
+                      std::count_if(out.right.begin(), out.right.end(), subnormal),
+                  0)
+            << "feedback " << feedback;
+    }
 }
 
 TEST(Lv2Plugin, InstantiatesAtEverySampleRateFrom8To384kHz) {
