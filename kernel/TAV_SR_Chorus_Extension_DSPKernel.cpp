@@ -88,20 +88,14 @@ void TAV_SR_Chorus_Extension_DSPKernel::setParameter(AUParameterAddress address,
     sr::safeprint(line.view());
 
     switch (address) {
-    case sr::kFrequencySplitLP: {
-        const float upper = parameters[sr::kFrequencySplitHP].load(std::memory_order_relaxed);
-        float v = value < 0.0f ? 0.0f : value;
-        if (v > upper) v = upper;
-        bandSplitter.setCutoff1(std::sqrt(v));
+    case sr::kFrequencySplitLP:
+        applyLowerSplit();
+        splitPointsSet |= kLowerSplitSet;
         break;
-    }
-    case sr::kFrequencySplitHP: {
-        const float lower = parameters[sr::kFrequencySplitLP].load(std::memory_order_relaxed);
-        float v = value < lower ? lower : value;
-        if (v > 1.0f) v = 1.0f;
-        bandSplitter.setCutoff2(std::sqrt(v));
+    case sr::kFrequencySplitHP:
+        applyUpperSplit();
+        splitPointsSet |= kUpperSplitSet;
         break;
-    }
     default:
         if (address < sr::kChorusDepth || address > sr::kChorusLFOStereo) break;
         // The LFO shape travels as the value itself truncated, the others as value x 127.
@@ -111,6 +105,33 @@ void TAV_SR_Chorus_Extension_DSPKernel::setParameter(AUParameterAddress address,
                                             : sr::effectByteFromValue(value));
         break;
     }
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::applyLowerSplit() {
+    const float upper = parameters[sr::kFrequencySplitHP].load(std::memory_order_relaxed);
+    float v = parameters[sr::kFrequencySplitLP].load(std::memory_order_relaxed);
+    if (v < 0.0f) v = 0.0f;
+    if (v > upper) v = upper;
+    bandSplitter.setCutoff1(std::sqrt(v));
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::applyUpperSplit() {
+    const float lower = parameters[sr::kFrequencySplitLP].load(std::memory_order_relaxed);
+    float v = parameters[sr::kFrequencySplitHP].load(std::memory_order_relaxed);
+    if (v < lower) v = lower;
+    if (v > 1.0f) v = 1.0f;
+    bandSplitter.setCutoff2(std::sqrt(v));
+}
+
+void TAV_SR_Chorus_Extension_DSPKernel::settleSplitPoints() {
+    // Each split point is limited by the other's value when it is set, so two set at one
+    // instant (a preset, a session, a host's automation) would depend on their order. Before
+    // any audio is rendered with them, both meet each other's new value.
+    if (splitPointsSet == (kLowerSplitSet | kUpperSplitSet)) {
+        applyLowerSplit();
+        applyUpperSplit();
+    }
+    splitPointsSet = 0;
 }
 
 AUValue TAV_SR_Chorus_Extension_DSPKernel::getParameter(AUParameterAddress address) const {
@@ -145,6 +166,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::process2(AUAudioFrameCount, AUAudioFrame
 
 void TAV_SR_Chorus_Extension_DSPKernel::process(AUAudioFrameCount frameCount,
                                                 AUAudioFrameCount bufferOffset) {
+    settleSplitPoints();
     if (!inBufferList || !outBufferList || frameCount == 0) return;
     const int channels =
         std::min({channelCount, int(inBufferList->mNumberBuffers),

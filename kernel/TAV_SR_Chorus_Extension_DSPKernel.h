@@ -55,6 +55,10 @@ public:
 
 private:
     void processStereo(float* left, float* right, int frames);
+    // The band splitter's cutoffs from the stored split points, each limited by the other.
+    void applyLowerSplit();
+    void applyUpperSplit();
+    void settleSplitPoints();
 
     std::array<float, kMaxSlice> workLeft{};
     std::array<float, kMaxSlice> workRight{};
@@ -67,6 +71,9 @@ private:
     std::array<std::atomic<float>, sr::kParameterCount> parameters;
     Modulator modulator;
     BandSplitFilter3 bandSplitter;
+    // Which split points were set since audio was last rendered (render thread).
+    static constexpr unsigned kLowerSplitSet = 1, kUpperSplitSet = 2;
+    unsigned splitPointsSet = 0;
     GainRamp inputGain;
     GainRamp outputGain;
     std::atomic<bool> bypassed{false};

@@ -265,26 +265,12 @@ void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {
     }
 }
 
-void Plugin::addPortChanges() {
-    bool lower = false, upper = false;
-    for (std::size_t i = 0; i < portChangeCount; ++i) {
-        const PortChange& change = portChanges[i];
-        events->addParameter(AUEventSampleTime(sampleTime), change.address, change.value);
-        lower = lower || change.address == kFrequencySplitLP;
-        upper = upper || change.address == kFrequencySplitHP;
-    }
-    // Each split point is limited by the other's value when it is set, so two that move
-    // together in one call (a preset, a session) are set twice: the second time, each meets
-    // the other's new value, whatever the order, as a loaded preset file does.
-    if (lower && upper)
-        for (const std::uint32_t address : {kFrequencySplitLP, kFrequencySplitHP})
-            events->addParameter(AUEventSampleTime(sampleTime), address,
-                                 parameters[address]->value());
-}
-
 AUAudioUnitStatus Plugin::renderCall(std::uint32_t offset, std::uint32_t frames) {
     events->clear();
-    if (offset == 0) addPortChanges();
+    if (offset == 0)
+        for (std::size_t i = 0; i < portChangeCount; ++i)
+            events->addParameter(AUEventSampleTime(sampleTime), portChanges[i].address,
+                                 portChanges[i].value);
     queueMIDI(offset, frames);
 
     callOffset = offset;

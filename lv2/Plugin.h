@@ -61,7 +61,6 @@ private:
     void readPorts();
     void readRequests();
     void reportEffectiveValues();
-    void addPortChanges();
     void queueMIDI(std::uint32_t offset, std::uint32_t frames);
     AUAudioUnitStatus renderCall(std::uint32_t offset, std::uint32_t frames);
     OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);

@@ -2,6 +2,8 @@
 // groups, and what the kernel does with a value by address.
 #include <gtest/gtest.h>
 
+#include "cli/OfflineRenderer.h"
+
 #include <algorithm>
 #include <atomic>
 #include <cmath>
@@ -212,6 +214,25 @@ TEST_F(KernelParameters, SplitPointsAreClampedToEachOtherAndSquareRooted) {
     EXPECT_FLOAT_EQ(split().getCutoff2(), 0.6f);
     kernel.setParameter(6, 1.0f);
     EXPECT_FLOAT_EQ(split().getCutoff2(), 1.0f);
+}
+
+// Values set together (a host's settings, its automation at one frame) land on both split
+// points in either order, so a render never depends on the order of the settings.
+TEST(SplitPoints, SetTogetherTheyLandInEitherOrder) {
+    for (const bool lowerFirst : {true, false}) {
+        sr::cli::OfflineRenderer renderer(48000.0, 2, 64);
+        const std::pair<const char*, float> lower{"kFrequencySplitLP", 0.81f};
+        const std::pair<const char*, float> upper{"kFrequencySplitHP", 0.9f};
+        for (const auto& [id, value] :
+             lowerFirst ? std::array{lower, upper} : std::array{upper, lower})
+            ASSERT_TRUE(renderer.set(id, value));
+        std::vector<float> audio(2 * 64, 0.0f);
+        ASSERT_EQ(renderer.renderInterleaved(audio.data(), audio.data(), 64), noErr);
+        const BandSplitFilter3& split =
+            renderer.audioUnit().kernelAdapter().getKernel().getBandSplitter();
+        EXPECT_FLOAT_EQ(split.getCutoff1(), 0.9f) << (lowerFirst ? "lower first" : "upper first");
+        EXPECT_FLOAT_EQ(split.getCutoff2(), std::sqrt(0.9f));
+    }
 }
 
 TEST_F(KernelParameters, SoundControlsReachTheChorusAsBytes) {
