@@ -141,7 +141,7 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
     unit->allocateRenderResources();
     renderBlock = unit->renderBlock();
 
-    tree = unit->parameterTree();
+    AUParameterTree* tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
         parameters[i] = tree->parameterWithAddress(i);
         reported[i] = parameters[i]->value();
@@ -215,9 +215,14 @@ void Plugin::readPorts() {
     adoptPorts = false;
 }
 
+const LV2_Atom_Sequence* Plugin::inputSequence() const {
+    return midiIn && map && midiIn->atom.type == uris.atomSequence ? midiIn : nullptr;
+}
+
 void Plugin::readRequests() {
-    if (!midiIn || !map || midiIn->atom.type != uris.atomSequence) return;
-    LV2_ATOM_SEQUENCE_FOREACH(midiIn, ev) {
+    const LV2_Atom_Sequence* input = inputSequence();
+    if (!input) return;
+    LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
         if (ev->body.type != uris.atomObject) continue;
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
         if (object->atom.size >= sizeof(LV2_Atom_Object_Body) &&
@@ -249,8 +254,9 @@ void Plugin::reportEffectiveValues() {
 }
 
 void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {
-    if (!midiIn || !map || midiIn->atom.type != uris.atomSequence) return;
-    LV2_ATOM_SEQUENCE_FOREACH(midiIn, ev) {
+    const LV2_Atom_Sequence* input = inputSequence();
+    if (!input) return;
+    LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
         if (ev->body.type != uris.midiEvent) continue;
         // Events stamped outside the call act at its nearest end.
         const std::int64_t last = std::int64_t(runFrames) - 1;
@@ -436,24 +442,27 @@ void cleanup(LV2_Handle handle) {
     delete self(handle);
 }
 
-LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store,
-                           LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
+// No exception leaves the plug-in: a state call that fails says so and reports an error.
+template <typename Call>
+LV2_State_Status guarded(const char* failure, Call call) {
     try {
-        return self(handle)->save(store, state);
+        return call();
     } catch (...) {
-        log("ERROR: the state could not be saved");
+        log(failure);
         return LV2_STATE_ERR_UNKNOWN;
     }
 }
 
+LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store,
+                           LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
+    return guarded("ERROR: the state could not be saved",
+                   [&] { return self(handle)->save(store, state); });
+}
+
 LV2_State_Status restoreState(LV2_Handle handle, LV2_State_Retrieve_Function retrieve,
                               LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
-    try {
-        return self(handle)->restore(retrieve, state);
-    } catch (...) {
-        log("ERROR: the state could not be restored");
-        return LV2_STATE_ERR_UNKNOWN;
-    }
+    return guarded("ERROR: the state could not be restored",
+                   [&] { return self(handle)->restore(retrieve, state); });
 }
 
 const LV2_State_Interface stateInterface{saveState, restoreState};

@@ -59,6 +59,8 @@ private:
     Plugin(double sampleRate, const LV2_URID_Map* map, std::uint32_t maxBlock);
 
     void readPorts();
+    // The MIDI input when it holds a sequence this plug-in can read; null otherwise.
+    const LV2_Atom_Sequence* inputSequence() const;
     void readRequests();
     void reportEffectiveValues();
     void queueMIDI(std::uint32_t offset, std::uint32_t frames);
@@ -73,7 +75,6 @@ private:
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
     AURenderBlock renderBlock;
-    AUParameterTree* tree = nullptr;
     std::array<AUParameter*, kParameterCount> parameters{};
     std::unique_ptr<RenderEventList<>> events;
 
