@@ -140,6 +140,7 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
         });
     unit->allocateRenderResources();
     renderBlock = unit->renderBlock();
+    for (auto& channel : scratch) channel.assign(unit->maximumFramesToRender(), 0.0f);
 
     AUParameterTree* tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
@@ -281,9 +282,14 @@ AUAudioUnitStatus Plugin::renderCall(std::uint32_t offset, std::uint32_t frames)
 
     callOffset = offset;
     const std::uint32_t bytes = frames * std::uint32_t(sizeof(float));
+    // The kernel works in its output buffers, left and right together; when a host hands both
+    // outputs the same memory, it renders into its own and the right channel is copied last.
+    float* host[2] = {audioOut[0] + offset, audioOut[1] + offset};
+    const bool outputsOverlap = host[0] < host[1] + frames && host[1] < host[0] + frames;
     AudioBufferList output;
     output.mNumberBuffers = 2;
-    for (std::uint32_t c = 0; c < 2; ++c) output.mBuffers[c] = {1, bytes, audioOut[c] + offset};
+    for (std::uint32_t c = 0; c < 2; ++c)
+        output.mBuffers[c] = {1, bytes, outputsOverlap ? scratch[c].data() : host[c]};
     // The input is copied into the unit's own storage before anything is written, so the
     // host may hand the same memory for input and output.
     auto pullInput = [this, offset, frames](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
@@ -304,6 +310,8 @@ AUAudioUnitStatus Plugin::renderCall(std::uint32_t offset, std::uint32_t frames)
     AudioUnitRenderActionFlags flags = 0;
     const AUAudioUnitStatus status =
         renderBlock(&flags, &timestamp, frames, 0, &output, events->head(), pullInput);
+    if (outputsOverlap && status == noErr)
+        for (std::uint32_t c = 0; c < 2; ++c) std::copy_n(scratch[c].data(), frames, host[c]);
     sampleTime += frames;
     return status;
 }

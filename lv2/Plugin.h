@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <lv2/atom/atom.h>
 #include <lv2/atom/forge.h>
@@ -77,6 +78,8 @@ private:
     AURenderBlock renderBlock;
     std::array<AUParameter*, kParameterCount> parameters{};
     std::unique_ptr<RenderEventList<>> events;
+    // Where a call renders when the host's two outputs share memory.
+    std::array<std::vector<float>, 2> scratch;
 
     std::array<const float*, kParameterCount> controls{};
     const float* audioIn[2]{};

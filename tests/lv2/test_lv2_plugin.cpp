@@ -190,7 +190,8 @@ TEST(Lv2Plugin, InPlaceAliasedAndEmptyRunsKeepToTheBuffers) {
     }
     EXPECT_EQ(firstDifference(expected, shared), -1);
 
-    // Both outputs on one buffer with a NaN guard behind the call: finite, nothing past n.
+    // Both outputs on one buffer with a NaN guard behind the call: it ends up holding the right
+    // channel as rendered out of place (written last), and nothing past n is touched.
     std::vector<float> out(256 + 16, std::nanf(""));
     for (std::size_t at = 0; at < in.size(); at += 256) {
         test::Stereo scratch(in.size());
@@ -198,8 +199,8 @@ TEST(Lv2Plugin, InPlaceAliasedAndEmptyRunsKeepToTheBuffers) {
         lilv_instance_connect_port(aliased.raw, kOutL, out.data());
         lilv_instance_connect_port(aliased.raw, kOutR, out.data());
         lilv_instance_run(aliased.raw, 256);
-        ASSERT_TRUE(
-            std::all_of(out.begin(), out.begin() + 256, [](float v) { return std::isfinite(v); }));
+        ASSERT_TRUE(std::equal(out.begin(), out.begin() + 256, expected.right.begin() + long(at)))
+            << "block at " << at;
         ASSERT_TRUE(std::all_of(out.begin() + 256, out.end(), [](float v) { return v != v; }));
     }
 }
