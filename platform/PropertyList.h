@@ -37,16 +37,17 @@ public:
         bool operator==(const Date&) const = default;
     };
 
-    PropertyList() : value(Dictionary{}) {}
-    PropertyList(bool b) : value(b) {}
-    PropertyList(Integer i) : value(i) {}
-    PropertyList(double r) : value(r) {}
-    PropertyList(std::string s) : value(std::move(s)) {}
-    PropertyList(const char* s) : value(std::string(s)) {}
-    PropertyList(Data d) : value(std::move(d)) {}
-    PropertyList(Date d) : value(d) {}
-    PropertyList(Array a) : value(std::move(a)) {}
-    PropertyList(Dictionary d) : value(std::move(d)) {}
+    // Defined below, where Entry is complete: building the value needs it.
+    PropertyList();
+    PropertyList(bool b);
+    PropertyList(Integer i);
+    PropertyList(double r);
+    PropertyList(std::string s);
+    PropertyList(const char* s);
+    PropertyList(Data d);
+    PropertyList(Date d);
+    PropertyList(Array a);
+    PropertyList(Dictionary d);
 
     static PropertyList integer(std::int64_t v) { return Integer{std::uint64_t(v)}; }
     static PropertyList unsignedInteger(std::uint64_t v) { return Integer{v}; }
@@ -100,6 +101,17 @@ struct PropertyListParse {
     std::string format; // "XML", "binary" or "unknown"
     std::string error;
 };
+
+inline PropertyList::PropertyList() : value(Dictionary{}) {}
+inline PropertyList::PropertyList(bool b) : value(b) {}
+inline PropertyList::PropertyList(Integer i) : value(i) {}
+inline PropertyList::PropertyList(double r) : value(r) {}
+inline PropertyList::PropertyList(std::string s) : value(std::move(s)) {}
+inline PropertyList::PropertyList(const char* s) : value(std::string(s)) {}
+inline PropertyList::PropertyList(Data d) : value(std::move(d)) {}
+inline PropertyList::PropertyList(Date d) : value(d) {}
+inline PropertyList::PropertyList(Array a) : value(std::move(a)) {}
+inline PropertyList::PropertyList(Dictionary d) : value(std::move(d)) {}
 
 inline bool PropertyList::operator==(const PropertyList& other) const {
     return value == other.value;
