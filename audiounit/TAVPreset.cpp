@@ -122,14 +122,11 @@ PropertyList PresetParam::toDictionary() const {
 }
 
 void PresetParam::fromDictionary(const PropertyList& dict, const TAVPreset* owner) {
-    for (const PropertyList::Entry& e : *dict.dictionary()) {
-        if (e.key == kIdentifier)
-            identifier = *e.value.string();
-        else if (e.key == kAddress)
-            address = e.value.integerValue()->bits;
-        else if (e.key == kValue)
-            value = float(*e.value.real());
-    }
+    // The entries checkParam checked: a binary list may repeat a key, and only the first of
+    // each is checked and read.
+    if (const PropertyList* v = dict.find(kIdentifier)) identifier = *v->string();
+    address = dict.find(kAddress)->integerValue()->bits;
+    value = float(*dict.find(kValue)->real());
     if (owner) owner->foundParameter(group ? group->id : 0, identifier, address, value);
 }
 

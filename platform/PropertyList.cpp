@@ -100,30 +100,42 @@ std::optional<std::string> checkBinaryGraph(std::string_view bytes) {
     const auto offsetOf = [&](std::uint64_t object) {
         return readBigEndian(data + table + object * offsetSize, offsetSize);
     };
-    // The references of a container object (empty for leaves); false when out of the file.
+    // The references of a container object (none for leaves), or why the object is refused.
     const auto references = [&](std::uint64_t object, std::size_t& first,
-                                std::size_t& count) -> bool {
+                                std::size_t& count) -> std::optional<std::string> {
         first = count = 0;
+        constexpr const char* outside = "object outside the file";
         const std::uint64_t at = offsetOf(object);
-        if (at < kHeader || at >= table) return false;
+        if (at < kHeader || at >= table) return outside;
         const unsigned marker = data[at], type = marker >> 4;
-        if (type != 0xA && type != 0xC && type != 0xD) return true;
+        const bool text = type == 0x5 || type == 0x6; // ASCII or UTF-16, keys too
+        if (type != 0xA && type != 0xC && type != 0xD && !text) return std::nullopt;
         std::uint64_t n = marker & 0x0F, start = at + 1;
         if (n == 0x0F) { // the count follows as an integer object
-            if (start >= table || (data[start] >> 4) != 0x1) return false;
+            if (start >= table || (data[start] >> 4) != 0x1) return outside;
             const std::size_t width = std::size_t(1) << (data[start] & 0x0F);
-            if (width > 8 || start + 1 + width > table) return false;
+            if (width > 8 || start + 1 + width > table) return outside;
             n = readBigEndian(data + start + 1, width);
             start += 1 + width;
         }
+        if (text) {
+            // The library aborts the process (an assertion) when it hands out a string or a
+            // key with a NUL inside.
+            const std::uint64_t width = type == 0x6 ? 2 : 1;
+            if (n > (table - start) / width) return outside;
+            for (std::uint64_t k = 0; k < n; ++k)
+                if (readBigEndian(data + start + k * width, width) == 0)
+                    return "a string holds a NUL character";
+            return std::nullopt;
+        }
         if (type == 0xD) {
-            if (n > (table - start) / 2) return false;
+            if (n > (table - start) / 2) return outside;
             n *= 2;
         }
-        if (n > (table - start) / refSize) return false;
+        if (n > (table - start) / refSize) return outside;
         first = std::size_t(start);
         count = std::size_t(n);
-        return true;
+        return std::nullopt;
     };
 
     // Post-order walk without recursion: depth and expanded node count per object, computed
@@ -144,7 +156,7 @@ std::optional<std::string> checkBinaryGraph(std::string_view bytes) {
         if (stack.size() >= PropertyList::kMaxDepth)
             return "nesting deeper than " + std::to_string(PropertyList::kMaxDepth) + " levels";
         Frame f{object, 0, 0, 0};
-        if (!references(object, f.first, f.count)) return "object outside the file";
+        if (auto error = references(object, f.first, f.count)) return error;
         state[object] = kOpen;
         stack.push_back(f);
         return std::nullopt;
@@ -333,6 +345,11 @@ PropertyListParse PropertyList::parse(std::string_view bytes) {
     }
     if (!binary && !xml) {
         result.error = bytes.empty() ? "empty" : "not a property list";
+        return result;
+    }
+    // XML has no NUL character, and the library aborts when it hands out a string holding one.
+    if (xml && bytes.find('\0') != std::string_view::npos) {
+        result.error = "a NUL character in XML";
         return result;
     }
     if (auto problem = binary ? checkBinaryGraph(bytes) : checkXMLNesting(bytes)) {

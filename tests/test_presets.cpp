@@ -403,6 +403,11 @@ TEST(PresetFiles, HostileFilesAreRefusedWithTheSoundUnchanged) {
     for (std::uint32_t k = 0; k < 20; ++k)
         fanOut.push_back("\xA4" + ref(k + 1) + ref(k + 1) + ref(k + 1) + ref(k + 1));
     fanOut.push_back("\x08"); // false
+    // A NUL inside a string, raw in XML or U+0000 in binary, in a value or a key: the library
+    // aborts the process when it hands such a string out (or cuts an ASCII one short).
+    std::string nulXML = goodXML;
+    nulXML.insert(nulXML.find("kChorusDelay"), std::string(1, '\0'));
+    const std::string nulUTF16("\x63\0a\0\0\0b", 7);
     std::mt19937 rng(9);
     std::string noise(4096, '\0');
     for (char& c : noise) c = char(rng());
@@ -435,6 +440,11 @@ TEST(PresetFiles, HostileFilesAreRefusedWithTheSoundUnchanged) {
         {binaryPlist(chain), "nesting deeper than 24 levels"},
         {binaryPlist(fanOut), "expands too far"},
         {binaryPlist(cycle), "cyclic"},
+        {nulXML, "Format: XML, a NUL character in XML"},
+        {binaryPlist({"\xD1" + ref(1) + ref(2), nulUTF16, "\x52xy"}), "a string holds a NUL"},
+        {binaryPlist({"\xD1" + ref(1) + ref(2), "\x51k", nulUTF16}), "a string holds a NUL"},
+        {binaryPlist({"\xD1" + ref(1) + ref(2), "\x51k", std::string("\x53x\0y", 4)}),
+         "a string holds a NUL"},
     };
     LogCapture log;
     for (std::size_t k = 0; k < cases.size(); ++k) {
@@ -481,6 +491,28 @@ TEST(PresetFiles, HostileFilesAreRefusedWithTheSoundUnchanged) {
     const Stereo a = reference.render(in, 512), b = target.render(in, 512);
     EXPECT_TRUE(sr::test::bitIdentical(a.left, b.left));
     EXPECT_TRUE(sr::test::bitIdentical(a.right, b.right));
+}
+
+TEST(FullState, AParametersRepeatedKeysCountOnceAsChecked) {
+    // A binary list may repeat a key in one dictionary, and the parser keeps every entry.
+    const sr::PropertyListParse twice = PropertyList::parse(
+        binaryPlist({"\xD2" + ref(1) + ref(1) + ref(2) + ref(3), "\x51k", "\x51v", "\x51w"}));
+    ASSERT_TRUE(twice.value);
+    ASSERT_EQ(twice.value->dictionary()->size(), 2u);
+    EXPECT_EQ(twice.value->dictionary()->back().key, "k");
+
+    // A parameter whose 'address', 'value' and 'identifier' come again, of the wrong kinds:
+    // the first of each is the one checked and the one applied.
+    AudioUnitHost host;
+    PropertyList state = *host.unit.fullState();
+    PropertyList& dryWet = entry(state, {"group 1", "param 9"});
+    dryWet.set("value", 0.25);
+    for (const char* key : {"address", "value", "identifier"})
+        dryWet.dictionary()->push_back({key, PropertyList::Data{1, 2}});
+    EXPECT_TRUE(host.unit.setFullState(state));
+    EXPECT_EQ(host.unit.getParameter(sr::kChorusDryWet), 0.25f);
+    PropertyList clean = *host.unit.fullState();
+    EXPECT_EQ(entry(clean, {"group 1", "param 9"}).dictionary()->size(), 3u);
 }
 
 // ---- folders, factory and user presets --------------------------------------------------------
