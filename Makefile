@@ -3,8 +3,11 @@ BUILD ?= build
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?= -DCMAKE_BUILD_TYPE=RelWithDebInfo -DSR_WERROR=ON
 DEMO_DIR ?= demo-out
+VALIDATE = $(BUILD)/validate/sr-chorus-validate --fuzz-replay build-fuzz/fuzz/sr-fuzz-presets \
+	--crashers fuzz/crashers --tsan-stress build-tsan/validate/tsan/sr-tsan-stress \
+	--log $(BUILD)/validate.log $(BUILD)/lv2/tav-sr-chorus.lv2
 
-.PHONY: all deps configure build test demo bench bench-lv2 format clean install-user
+.PHONY: all deps configure build test validate demo bench bench-lv2 format clean install-user
 
 all: build
 
@@ -17,8 +20,13 @@ configure: deps
 build: configure
 	@cmake --build $(BUILD) -j $(JOBS) -- --no-print-directory
 
-test: build
+test: build sanitizer-builds
 	@cd $(BUILD) && ctest --output-on-failure -j $(JOBS)
+	@$(VALIDATE) --quick
+
+# The bundle's validator, every check at full strength.
+validate: build sanitizer-builds
+	@$(VALIDATE) --full
 
 demo: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
@@ -43,3 +51,36 @@ format:
 
 clean:
 	@rm -rf $(BUILD) $(DEMO_DIR)
+
+# Sanitizer builds, each in its own folder, with clang, building nothing but their one target:
+# the preset fuzzer (address and undefined behaviour) and the thread stress (ThreadSanitizer).
+# A folder configured otherwise (another sanitizer or compiler) is started anew.
+comma := ,
+SAN_CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
+	-DSR_BUILD_TESTS=OFF -DSR_BUILD_BENCH=OFF
+FUZZ_SANITIZE = address$(comma)undefined
+FUZZ_SECONDS ?= 60
+
+# $(1) folder, $(2) sanitizers, $(3) more cache settings, $(4) target.
+define sanitizer_build
+	@{ grep -qsx 'SR_SANITIZE:STRING=$(2)' $(1)/CMakeCache.txt && \
+	   grep -qs '^CMAKE_CXX_COMPILER:.*clang++$$' $(1)/CMakeCache.txt; } || rm -rf $(1)
+	@cmake -S . -B $(1) $(SAN_CMAKE_FLAGS) -DSR_SANITIZE=$(2) $(3) >/dev/null
+	@cmake --build $(1) -j $(JOBS) --target $(4) -- --no-print-directory
+endef
+
+.PHONY: sanitizer-builds fuzz
+
+sanitizer-builds: deps
+	$(call sanitizer_build,build-fuzz,$(FUZZ_SANITIZE),-DSR_FUZZ=ON,sr-fuzz-presets)
+	$(call sanitizer_build,build-tsan,thread,-DSR_FUZZ=OFF,sr-tsan-stress)
+
+# Fuzzes the preset and state reader for FUZZ_SECONDS on one core. New inputs collect in
+# build-fuzz/corpus; the presets, fuzz/seeds and the fixed crashers seed it. A finding is
+# written to build-fuzz/ and fails the target.
+fuzz: deps
+	$(call sanitizer_build,build-fuzz,$(FUZZ_SANITIZE),-DSR_FUZZ=ON,sr-fuzz-presets)
+	@mkdir -p build-fuzz/corpus
+	@build-fuzz/fuzz/sr-fuzz-presets build-fuzz/corpus presets fuzz/seeds fuzz/crashers \
+		-dict=fuzz/plist.dict -max_total_time=$(FUZZ_SECONDS) -timeout=10 \
+		-artifact_prefix=build-fuzz/ -print_final_stats=1

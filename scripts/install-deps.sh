@@ -2,7 +2,7 @@
 # Installs the Debian packages the build and the tests need, only those missing.
 set -euo pipefail
 packages=(
-    build-essential cmake pkg-config clang-format
+    build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
     libsndfile1-dev libsmf-dev libplist-dev libplist-utils python3
     libgtest-dev libgmock-dev libbenchmark-dev
     lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2
