@@ -190,11 +190,15 @@ void Instance::writeInput() {
     LV2_Atom_Forge_Frame frame;
     lv2_atom_forge_sequence_head(&forge, &frame, 0);
     const LV2_URID midiType = world.urid(LV2_MIDI__MidiEvent);
+    inputTruncated = false;
     for (const auto& e : events) {
-        if (!lv2_atom_forge_frame_time(&forge, e.frame)) break;
-        if (!lv2_atom_forge_atom(&forge, std::uint32_t(e.body.size()), e.type ? e.type : midiType))
+        const auto size = std::uint32_t(e.body.size());
+        if (!lv2_atom_forge_frame_time(&forge, e.frame) ||
+            !lv2_atom_forge_atom(&forge, size, e.type ? e.type : midiType) ||
+            !lv2_atom_forge_write(&forge, e.body.data(), size)) {
+            inputTruncated = true;
             break;
-        if (!lv2_atom_forge_write(&forge, e.body.data(), std::uint32_t(e.body.size()))) break;
+        }
     }
     lv2_atom_forge_pop(&forge, &frame);
     events.clear();

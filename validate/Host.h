@@ -156,6 +156,7 @@ public:
     std::vector<InputEvent> events;
     AtomBuffer midiIn, midiOut, notify;
     bool atomPortsConnected = true;
+    bool inputTruncated = false; // the last run's events did not all fit the MIDI input
 
 private:
     void writeInput();

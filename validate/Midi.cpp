@@ -112,7 +112,7 @@ Result checkMidi(const Context& ctx) {
     for (std::uint32_t capacity : {64u, 1024u, 32768u}) {
         Instance instance(world);
         instance.midiOut.resize(capacity);
-        instance.midiIn.resize(1 << 17);
+        instance.midiIn.resize(1 << 20); // room for 24 events of 20 KB
         instance.connectDefaults();
         instance.activate();
         for (int call = 0; call < calls; ++call) {
@@ -120,6 +120,10 @@ Result checkMidi(const Context& ctx) {
             std::vector<InputEvent> stream = randomStream(world, n, rng);
             instance.events = stream;
             instance.run(inL.data(), inR.data(), outL.data(), outR.data(), n);
+            if (instance.inputTruncated) {
+                result.fail("the validator's MIDI input buffer was too small for its stream");
+                break;
+            }
             const auto out = instance.midiOutput();
             if (!instance.outputsIntact()) {
                 result.fail(format("capacity %u: an output was written past its room", capacity));
