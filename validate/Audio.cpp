@@ -7,7 +7,6 @@
 #include <cfloat>
 #include <chrono>
 #include <cmath>
-#include <cstring>
 #include <limits>
 
 namespace sr::validate {

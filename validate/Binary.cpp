@@ -2,6 +2,7 @@
 // libraries we can account for, never start processes and load without patching their code.
 #include "validate/Check.h"
 #include "validate/Elf.h"
+#include "validate/Host.h"
 
 #include <lilv/lilv.h>
 
@@ -60,14 +61,6 @@ const Library* findLibrary(const std::string& soname) {
     for (const auto& lib : kLibraries)
         if (stem == lib.stem) return &lib;
     return nullptr;
-}
-
-std::string filePath(const LilvNode* uri) {
-    if (!uri || !lilv_node_is_uri(uri)) return {};
-    char* path = lilv_file_uri_parse(lilv_node_as_uri(uri), nullptr);
-    std::string out = path ? path : "";
-    lilv_free(path);
-    return out;
 }
 
 // Which binaries the bundle declares, and in what role; one file may serve both.

@@ -15,6 +15,7 @@
 #include <cmath>
 #include <cstdarg>
 #include <cstring>
+#include <filesystem>
 
 namespace sr::validate {
 
@@ -242,10 +243,6 @@ bool Instance::outputsIntact() const {
 
 namespace {
 
-struct StoreTarget {
-    Instance::State* state;
-};
-
 LV2_State_Status storeProperty(LV2_State_Handle handle, std::uint32_t key, const void* value,
                                std::size_t size, std::uint32_t type, std::uint32_t flags) {
     auto* state = static_cast<Instance::State*>(handle);
@@ -423,6 +420,24 @@ std::map<std::string, double> parameterValues(World& world, const Instance::Stat
         if (!values.empty()) return values;
     }
     return {};
+}
+
+std::vector<std::string> filesIn(const std::string& folder) {
+    std::vector<std::string> files;
+    std::error_code ec;
+    for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end;
+         it.increment(ec))
+        if (it->is_regular_file(ec)) files.push_back(it->path().string());
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+std::string filePath(const LilvNode* uri) {
+    if (!uri || !lilv_node_is_uri(uri)) return {};
+    char* path = lilv_file_uri_parse(lilv_node_as_uri(uri), nullptr);
+    std::string out = path ? path : "";
+    lilv_free(path);
+    return out;
 }
 
 void randomControls(const World& world, std::vector<float>& control, std::mt19937_64& rng) {

@@ -189,6 +189,12 @@ namespace sr::validate {
 std::map<std::string, double> parameterValues(World& world, const Instance::State& state);
 std::map<std::string, double> parameterValuesFromPlist(const std::string& text);
 
+// The regular files of a folder, sorted by path; empty when there is no such folder.
+std::vector<std::string> filesIn(const std::string& folder);
+
+// The local path of a file URI node; empty for anything else.
+std::string filePath(const LilvNode* uri);
+
 // Random values within each control port's range (whole numbers on integer ports).
 void randomControls(const World& world, std::vector<float>& control, std::mt19937_64& rng);
 

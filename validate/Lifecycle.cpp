@@ -6,11 +6,7 @@
 #include <lv2/atom/atom.h>
 #include <lv2/presets/presets.h>
 
-#include <dirent.h>
-
 #include <cmath>
-#include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <limits>
 #include <sstream>
@@ -254,16 +250,9 @@ namespace {
 
 std::vector<std::string> factoryFiles(const std::string& bundle) {
     std::vector<std::string> files;
-    const std::string folder = bundle + "/factory";
-    if (DIR* dir = opendir(folder.c_str())) {
-        while (const dirent* entry = readdir(dir)) {
-            const std::string name = entry->d_name;
-            if (name.size() > 9 && name.substr(name.size() - 9) == ".aupreset")
-                files.push_back(folder + "/" + name);
-        }
-        closedir(dir);
-    }
-    std::sort(files.begin(), files.end());
+    for (const std::string& path : filesIn(bundle + "/factory"))
+        if (path.size() > 9 && path.compare(path.size() - 9, 9, ".aupreset") == 0)
+            files.push_back(path);
     return files;
 }
 

@@ -2,6 +2,7 @@
 // description holds to the rules strict hosts and lv2lint apply on top of that.
 #include "validate/Check.h"
 #include "validate/Elf.h"
+#include "validate/Host.h"
 #include "validate/Process.h"
 
 #include <dlfcn.h>
@@ -25,7 +26,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <regex>
 #include <set>
 #include <sstream>
@@ -176,17 +176,17 @@ bool isNumber(const LilvNode* n) {
 
 // The vocabularies plus our bundle, nothing else: an installed copy of the plug-in or any
 // other plug-in must not lend the bundle data it lacks.
-class World {
+class Graph {
 public:
-    World() : world_(lilv_world_new()) {}
-    ~World() { lilv_world_free(world_); }
-    World(const World&) = delete;
-    World& operator=(const World&) = delete;
+    Graph() : world_(lilv_world_new()) {}
+    ~Graph() { lilv_world_free(world_); }
+    Graph(const Graph&) = delete;
+    Graph& operator=(const Graph&) = delete;
 
     LilvWorld* get() const { return world_; }
 
-    // Loads the specification bundles from the system folder (lilv knows plug-in classes and
-    // their hierarchy only from them) and then `bundle`.
+    // Loads LV2's own vocabulary bundles from the system folder (lilv knows plug-in classes and
+    // their hierarchy only from them), no other plug-ins, and then `bundle`.
     bool load(const std::string& bundle) {
         const char* dir = std::getenv("SR_SYSTEM_LV2_DIR");
         std::error_code ec;
@@ -254,29 +254,6 @@ private:
     LilvWorld* world_;
 };
 
-std::string filePath(const LilvNode* uri) {
-    if (!uri || !lilv_node_is_uri(uri)) return {};
-    char* path = lilv_file_uri_parse(lilv_node_as_uri(uri), nullptr);
-    std::string out = path ? path : "";
-    lilv_free(path);
-    return out;
-}
-
-// A URID map good enough for instantiation: hands out stable ids, never forgets.
-struct UridMap {
-    std::mutex mutex;
-    std::vector<std::string> uris;
-
-    static LV2_URID map(LV2_URID_Map_Handle handle, const char* uri) {
-        auto* self = static_cast<UridMap*>(handle);
-        std::lock_guard lock(self->mutex);
-        const auto it = std::find(self->uris.begin(), self->uris.end(), uri);
-        if (it != self->uris.end()) return LV2_URID(it - self->uris.begin() + 1);
-        self->uris.emplace_back(uri);
-        return LV2_URID(self->uris.size());
-    }
-};
-
 bool validCIdentifier(const std::string& s) {
     if (s.empty() || !(std::isalpha(static_cast<unsigned char>(s[0])) || s[0] == '_')) return false;
     return std::all_of(s.begin(), s.end(),
@@ -319,7 +296,7 @@ struct PortFacts {
         groups;
 };
 
-std::vector<PortFacts> readPorts(const World& w, const LilvNode* plugin) {
+std::vector<PortFacts> readPorts(const Graph& w, const LilvNode* plugin) {
     std::vector<PortFacts> ports;
     for (auto& node : w.values(plugin, LV2_CORE__port)) {
         PortFacts p;
@@ -351,7 +328,7 @@ bool hasType(const PortFacts& p, const char* type) {
 }
 
 // The plug-in's own value, or its project's (doap data may sit on either).
-std::vector<Node> pluginOrProject(const World& w, const LilvPlugin* plugin, const char* predicate) {
+std::vector<Node> pluginOrProject(const Graph& w, const LilvPlugin* plugin, const char* predicate) {
     std::vector<Node> out = w.values(lilv_plugin_get_uri(plugin), predicate);
     if (out.empty()) {
         const Node project(lilv_plugin_get_project(plugin));
@@ -360,7 +337,7 @@ std::vector<Node> pluginOrProject(const World& w, const LilvPlugin* plugin, cons
     return out;
 }
 
-void lintPlugin(const World& w, const LilvPlugin* plugin, Lint& lint) {
+void lintPlugin(const Graph& w, const LilvPlugin* plugin, LV2_URID_Map* map, Lint& lint) {
     const LilvNode* uri = lilv_plugin_get_uri(plugin);
 
     { // The class decides where hosts file the plug-in; bare lv2:Plugin lands in "other".
@@ -590,9 +567,7 @@ void lintPlugin(const World& w, const LilvPlugin* plugin, Lint& lint) {
 
     { // What the metadata promises, the instance hands out, and nothing else.
         std::vector<std::string> declaredProblems, unknownProblems;
-        UridMap urids;
-        LV2_URID_Map map{&urids, UridMap::map};
-        const LV2_Feature mapFeature{LV2_URID__map, &map};
+        const LV2_Feature mapFeature{LV2_URID__map, map};
         const LV2_Feature* features[] = {&mapFeature, nullptr};
         // Loading a damaged binary can kill the validator; check 2 reports what is wrong.
         const elf::Image binary = elf::read(filePath(lilv_plugin_get_library_uri(plugin)));
@@ -665,7 +640,7 @@ void lintPlugin(const World& w, const LilvPlugin* plugin, Lint& lint) {
 }
 
 // Presets are bundle data: each one names its plug-in and carries a label hosts list it by.
-void lintPresets(const World& w, const std::set<std::string>& plugins, Lint& lint) {
+void lintPresets(const Graph& w, const std::set<std::string>& plugins, Lint& lint) {
     const Node presetClass = w.uri(LV2_PRESETS__Preset);
     const Nodes presets = w.find(nullptr, kRdfType, presetClass.get());
     std::vector<std::string> labelProblems, appliesProblems;
@@ -711,7 +686,7 @@ bool uiReturnsIdle(const std::string& binary, const std::string& uiUri, std::str
     return idle;
 }
 
-int lintUis(const World& w, const LilvPlugin* plugin, Lint& lint) {
+int lintUis(const Graph& w, const LilvPlugin* plugin, Lint& lint) {
     const std::unique_ptr<LilvUIs, decltype(&lilv_uis_free)> uis(lilv_plugin_get_uis(plugin),
                                                                  lilv_uis_free);
     int count = 0;
@@ -773,7 +748,7 @@ Result checkMetadata(const Context& ctx) {
     Result result;
     const ValidateFigure validated = runLv2Validate(ctx.bundle, result);
 
-    World world;
+    Graph world;
     Lint lint(result);
     int uiCount = 0;
     if (!world.load(ctx.bundle)) {
@@ -791,7 +766,7 @@ Result checkMetadata(const Context& ctx) {
                         "classes are unknown");
         LILV_FOREACH(plugins, i, plugins) {
             const LilvPlugin* plugin = lilv_plugins_get(plugins, i);
-            lintPlugin(world, plugin, lint);
+            lintPlugin(world, plugin, &World::get(ctx.bundle).map, lint);
             uiCount += lintUis(world, plugin, lint);
         }
         lintPresets(world, uris, lint);

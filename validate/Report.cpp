@@ -5,10 +5,6 @@
 #include "validate/Process.h"
 #include "validate/RealTime.h"
 
-#include <lv2/ui/ui.h>
-
-#include <cstdio>
-#include <cstring>
 #include <regex>
 
 namespace sr::validate {

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "validate/Check.h"
+#include "validate/Host.h"
 #include "validate/Process.h"
 
 namespace sr::validate {
@@ -60,16 +61,6 @@ std::size_t countOf(const std::string& text, std::string_view what) {
     for (std::size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
         ++n;
     return n;
-}
-
-// The regular files of a folder, by name; empty when there is no such folder.
-std::vector<std::string> filesIn(const fs::path& folder) {
-    std::vector<std::string> files;
-    std::error_code ec;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-        if (it->is_regular_file(ec)) files.push_back(it->path().string());
-    std::sort(files.begin(), files.end());
-    return files;
 }
 
 // The crashers live in <source>/fuzz/crashers, beside the fuzzer's own seeds; the presets the
