@@ -179,32 +179,50 @@ bool isNumber(const LilvNode* n) {
 class Graph {
 public:
     Graph() : world_(lilv_world_new()) {}
-    ~Graph() { lilv_world_free(world_); }
+    ~Graph() {
+        ownBundle_.reset();
+        lilv_world_free(world_);
+        std::error_code ec;
+        if (!links_.empty()) fs::remove_all(links_, ec);
+    }
     Graph(const Graph&) = delete;
     Graph& operator=(const Graph&) = delete;
 
     LilvWorld* get() const { return world_; }
+    // Whether `plugin` comes from the bundle under test (any other is only context).
+    bool ownPlugin(const LilvPlugin* plugin) const {
+        return ownBundle_ && lilv_node_equals(lilv_plugin_get_bundle_uri(plugin), ownBundle_.get());
+    }
 
-    // Loads LV2's own vocabulary bundles from the system folder (lilv knows plug-in classes and
-    // their hierarchy only from them), no other plug-ins, and then `bundle`.
+    // lilv knows plug-in classes and their hierarchy only from LV2's own vocabulary bundles.
+    // It loads, as a host does, a path of one folder holding links to those (every system
+    // bundle that declares no binary) and to `bundle`.
     bool load(const std::string& bundle) {
+        if (!fs::is_directory(bundle)) return false;
+        std::string folder = (fs::temp_directory_path() / "sr-validate-lv2-XXXXXX").string();
+        if (!mkdtemp(folder.data())) return false;
+        links_ = folder;
         const char* dir = std::getenv("SR_SYSTEM_LV2_DIR");
         std::error_code ec;
         for (const auto& entry : fs::directory_iterator(dir ? dir : "/usr/lib/lv2", ec)) {
-            const fs::path manifest = entry.path() / "manifest.ttl";
-            std::ifstream in(manifest);
+            std::ifstream in(entry.path() / "manifest.ttl");
             if (!in) continue;
             const std::string body{std::istreambuf_iterator<char>(in), {}};
-            if (body.find("Specification") == std::string::npos ||
-                body.find("lv2:Plugin") != std::string::npos ||
-                body.find("lv2core#Plugin") != std::string::npos)
-                continue;
-            loadBundle(entry.path());
+            // A bundle with a binary holds a plug-in or a UI.
+            if (body.find("binary") != std::string::npos) continue;
+            std::error_code linkError;
+            fs::create_directory_symlink(entry.path(), links_ / entry.path().filename(), linkError);
         }
-        if (!fs::is_directory(bundle)) return false;
-        loadBundle(fs::absolute(bundle));
-        lilv_world_load_specifications(world_);
-        lilv_world_load_plugin_classes(world_);
+        const fs::path own = fs::absolute(bundle).lexically_normal();
+        const fs::path link =
+            links_ / (own.filename().empty() ? own.parent_path().filename() : own.filename());
+        std::error_code linkError;
+        fs::create_directory_symlink(own, link, linkError);
+        if (linkError) return false;
+        ownBundle_ = Node(lilv_new_file_uri(world_, nullptr, (link.string() + "/").c_str()));
+        const Node path(lilv_new_string(world_, links_.c_str()));
+        lilv_world_set_option(world_, LILV_OPTION_LV2_PATH, path.get());
+        lilv_world_load_all(world_);
         return true;
     }
 
@@ -244,14 +262,9 @@ public:
     }
 
 private:
-    void loadBundle(const fs::path& dir) {
-        std::string path = dir.lexically_normal().string();
-        if (path.empty() || path.back() != '/') path += '/';
-        const Node node(lilv_new_file_uri(world_, nullptr, path.c_str()));
-        lilv_world_load_bundle(world_, node.get());
-    }
-
     LilvWorld* world_;
+    fs::path links_; // removed with the world
+    Node ownBundle_;
 };
 
 bool validCIdentifier(const std::string& s) {
@@ -756,16 +769,19 @@ Result checkMetadata(const Context& ctx) {
     } else {
         const LilvPlugins* plugins = lilv_world_get_all_plugins(world.get());
         std::set<std::string> uris;
+        std::vector<const LilvPlugin*> own;
         LILV_FOREACH(plugins, i, plugins) {
-            uris.insert(lilv_node_as_uri(lilv_plugin_get_uri(lilv_plugins_get(plugins, i))));
+            const LilvPlugin* plugin = lilv_plugins_get(plugins, i);
+            if (!world.ownPlugin(plugin)) continue;
+            own.push_back(plugin);
+            uris.insert(lilv_node_as_uri(lilv_plugin_get_uri(plugin)));
         }
         if (uris.empty()) result.fail("lilv finds no plug-in in " + ctx.bundle);
         // Without the core vocabulary every class rule would fail for the wrong reason.
         if (lilv_plugin_classes_size(lilv_world_get_plugin_classes(world.get())) < 2)
             result.fail("the LV2 vocabularies (Debian package lv2-dev) were not found, so plug-in "
                         "classes are unknown");
-        LILV_FOREACH(plugins, i, plugins) {
-            const LilvPlugin* plugin = lilv_plugins_get(plugins, i);
+        for (const LilvPlugin* plugin : own) {
             lintPlugin(world, plugin, &World::get(ctx.bundle).map, lint);
             uiCount += lintUis(world, plugin, lint);
         }
