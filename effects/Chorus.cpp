@@ -14,32 +14,6 @@ constexpr unsigned char kPresets[Chorus::kPresetCount][Chorus::kParameterCount] 
     {64, 64, 40, 0, 1, 62, 12, 19, 97, 0, 0, 0},     {64, 64, 55, 105, 0, 24, 39, 19, 17, 0, 0, 1},
 };
 
-// One channel of the delay line, state in locals for the hot loop. Returns the new write index.
-int processChannel(const float* inMain, const float* inOther, float* out, float* line, int maxDelay,
-                   int write, float delayOld, float delayNew, float cross, float feedback, int n) {
-    const float fn = float(n);
-    const float wrapOffset = 2.0f * float(maxDelay);
-    for (int i = 0; i < n; ++i) {
-        // The delay glides linearly from its value at the block start to the one at its end.
-        const float d = (delayOld * float(n - i) + delayNew * float(i)) / fn;
-        if (++write >= maxDelay) write = 0;
-        const float pos = (float(write) - d) + wrapOffset;
-        int hi = pos > 0.0f ? int(pos) : int(pos - 1.0f);
-        hi %= maxDelay;
-        const int lo = (hi - 1 + maxDelay) % maxDelay;
-        const float w = 1.0f - std::fmod(pos, 1.0f);
-        // Read before write: a delay of 0 reads the sample written one step earlier.
-        const float o = line[lo] * w + line[hi] * (1.0f - w);
-        out[i] = o;
-        line[write] = inMain[i] * (1.0f - cross) + inOther[i] * cross + o * feedback;
-    }
-    return write;
-}
-
-} // namespace
-
-namespace {
-
 int halfSecond(const EffectGlobals& globals) {
     return std::max(1, int(float(globals.SAMPLE_RATE) * 0.5f));
 }
@@ -89,27 +63,139 @@ float Chorus::getdelay(float x) const {
     return result;
 }
 
-void Chorus::process(float* left, float* right) {
+Chorus::Block Chorus::beginBlock() {
     const int n = globals.SOUND_BUFFER_SIZE;
-    if (n <= 0) return;
     leftDelayOld = leftDelayNew;
     rightDelayOld = rightDelayNew;
     lfo.process(&lfoLeft, &lfoRight);
     leftDelayNew = getdelay(lfoLeft);
     rightDelayNew = getdelay(lfoRight);
 
-    writeLeft = processChannel(left, right, outLeft, lineLeft.data(), maxDelay, writeLeft,
-                               leftDelayOld, leftDelayNew, crossAmount, feedback, n);
-    writeRight = processChannel(right, left, outRight, lineRight.data(), maxDelay, writeRight,
-                                rightDelayOld, rightDelayNew, crossAmount, feedback, n);
-
     const float sign = subtractOutput ? -1.0f : 1.0f;
-    const float gainLeft = sign * (1.0f - panning);
-    const float gainRight = sign * panning;
-    for (int i = 0; i < n; ++i) {
-        outLeft[i] *= gainLeft;
-        outRight[i] *= gainRight;
+    const float nearest = -0.5f * float(maxDelay);
+    return Block{
+        .lineLeft = lineLeft.data(),
+        .lineRight = lineRight.data(),
+        .maxDelay = maxDelay,
+        .write = {writeLeft, writeRight},
+        .delayOld = {leftDelayOld, rightDelayOld},
+        .delayNew = {leftDelayNew, rightDelayNew},
+        .frames = n,
+        .done = 0,
+        .wrapOffset = 2.0f * float(maxDelay),
+        .keep = sr::simd::splat(1.0f - crossAmount),
+        .cross = sr::simd::splat(crossAmount),
+        .feedback = sr::simd::splat(feedback),
+        .panning = sr::simd::stereo(sign * (1.0f - panning), sign * panning),
+        .nearDelays = maxDelay >= 16 && leftDelayOld >= nearest && leftDelayNew >= nearest &&
+                      rightDelayOld >= nearest && rightDelayNew >= nearest,
+    };
+}
+
+void Chorus::endBlock(const Block& block) {
+    writeLeft = block.write[0];
+    writeRight = block.write[1];
+}
+
+// Four frames of one channel per lane group.
+template <>
+void Chorus::Block::computeTaps<true>(int count, Taps& taps) {
+    using sr::simd::i32x4;
+    using sr::simd::splat;
+    const i32x4 lineLength = splat(maxDelay);
+    const f32x4 n = splat(float(frames));
+    f32x4 weights[2][Taps::kFrames / 4];
+    for (int c = 0; c < 2; ++c) {
+        const f32x4 from = splat(delayOld[c]), to = splat(delayNew[c]);
+        f32x4 i = splat(float(done)) + f32x4{0.0f, 1.0f, 2.0f, 3.0f};
+        i32x4 position = splat(write[c]) + i32x4{1, 2, 3, 4};
+        position -= lineLength & (position >= lineLength); // back to 0 at the end of the line
+        for (int g = 0; g < count; g += 4) {
+            // The delay glides linearly from its value at the block start to the one at its end.
+            const f32x4 d = (from * (n - i) + to * i) / n;
+            const f32x4 pos = (sr::simd::toFloat(position) - d) + wrapOffset;
+            // getdelay() keeps d below maxDelay - 0.5, so pos > maxDelay and its integer part
+            // is its truncation, below 4 maxDelay: the remainder takes three subtractions.
+            const i32x4 whole = sr::simd::truncated(pos);
+            i32x4 hi = whole - lineLength;
+            hi -= lineLength & (hi >= lineLength);
+            hi -= lineLength & (hi >= lineLength);
+            const i32x4 lo = (hi - 1) + (lineLength & (hi == 0)); // (hi - 1) mod maxDelay
+            // 1 - fmod(pos, 1): for pos > 0 the fraction pos - trunc(pos) is exact, as fmod is.
+            weights[c][g / 4] = 1.0f - (pos - sr::simd::toFloat(whole));
+            *reinterpret_cast<i32x4*>(&taps.hi[c][g]) = hi;
+            *reinterpret_cast<i32x4*>(&taps.lo[c][g]) = lo;
+            *reinterpret_cast<i32x4*>(&taps.write[c][g]) = position;
+            i += 4.0f;
+            position += 4;
+            position -= lineLength & (position >= lineLength);
+        }
+        write[c] = taps.write[c][count - 1];
     }
+    for (int g = 0; g < count; g += 4) {
+        const f32x4 l = weights[0][g / 4], r = weights[1][g / 4];
+        const f32x4 lr01 = __builtin_shufflevector(l, r, 0, 4, 1, 5);
+        const f32x4 lr23 = __builtin_shufflevector(l, r, 2, 6, 3, 7);
+        const f32x4 rest01 = 1.0f - lr01, rest23 = 1.0f - lr23;
+        *reinterpret_cast<f32x4*>(taps.weight[g]) =
+            __builtin_shufflevector(lr01, rest01, 0, 1, 4, 5);
+        *reinterpret_cast<f32x4*>(taps.weight[g + 1]) =
+            __builtin_shufflevector(lr01, rest01, 2, 3, 6, 7);
+        *reinterpret_cast<f32x4*>(taps.weight[g + 2]) =
+            __builtin_shufflevector(lr23, rest23, 0, 1, 4, 5);
+        *reinterpret_cast<f32x4*>(taps.weight[g + 3]) =
+            __builtin_shufflevector(lr23, rest23, 2, 3, 6, 7);
+    }
+    done += count;
+}
+
+// Any delays: a frame at a time, the remainders by division.
+template <>
+void Chorus::Block::computeTaps<false>(int count, Taps& taps) {
+    const float n = float(frames);
+    for (int k = 0; k < count; ++k) {
+        const int i = done + k;
+        for (int c = 0; c < 2; ++c) {
+            const float d = (delayOld[c] * float(frames - i) + delayNew[c] * float(i)) / n;
+            if (++write[c] >= maxDelay) write[c] = 0;
+            const float pos = (float(write[c]) - d) + wrapOffset;
+            int hi = pos > 0.0f ? int(pos) : int(pos - 1.0f);
+            hi %= maxDelay;
+            taps.hi[c][k] = hi;
+            taps.lo[c][k] = (hi - 1 + maxDelay) % maxDelay;
+            taps.write[c][k] = write[c];
+            const float w = 1.0f - std::fmod(pos, 1.0f);
+            taps.weight[k][c] = w;
+            taps.weight[k][c + 2] = 1.0f - w;
+        }
+    }
+    done += count;
+}
+
+template <bool NearDelays>
+void Chorus::processFrames(Block& block, const float* left, const float* right) {
+    Block::Taps taps;
+    const int n = globals.SOUND_BUFFER_SIZE;
+    for (int first = 0; first < n; first += Block::Taps::kFrames) {
+        const int count = std::min(n - first, Block::Taps::kFrames);
+        block.computeTaps<NearDelays>(count, taps);
+        for (int k = 0; k < count; ++k) {
+            const int i = first + k;
+            const sr::simd::f32x4 wet = block.step(taps, k, sr::simd::stereo(left[i], right[i]));
+            outLeft[i] = wet[0];
+            outRight[i] = wet[1];
+        }
+    }
+}
+
+void Chorus::process(float* left, float* right) {
+    if (globals.SOUND_BUFFER_SIZE <= 0) return;
+    Block block = beginBlock();
+    if (block.nearDelays)
+        processFrames<true>(block, left, right);
+    else
+        processFrames<false>(block, left, right);
+    endBlock(block);
 }
 
 void Chorus::setPreset(unsigned char npreset) {

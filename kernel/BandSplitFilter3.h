@@ -5,8 +5,28 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 
 #include "util/Modulator.h"
+#include "util/Simd.h"
+
+// SVFilter4Pole1s of one kind run side by side, filter k in lane k, one sample at a time.
+struct SVFilterLanes {
+    sr::simd::f32x4 band{}, low{}, f{}, q{}, gain{};
+
+    // One sample of every lane's filter. Each stage is driven by h = x / 2; the stages are not
+    // chained and start alike, so they stay alike and one of them stands for all: its high-pass
+    // (hp) or low-pass (low) value, times the gain, is the filter's output.
+    template <bool HighPass>
+    sr::simd::f32x4 process(sr::simd::f32x4 x) {
+        const sr::simd::f32x4 h = 0.5f * x;
+        const sr::simd::f32x4 lowNext = low + f * band;
+        const sr::simd::f32x4 hp = h - lowNext - q * band;
+        band = band + f * hp;
+        low = lowNext;
+        return (HighPass ? hp : lowNext) * gain;
+    }
+};
 
 // A state-variable filter of up to four integrator stages, all driven by the same input.
 class SVFilter4Pole1 {
@@ -41,6 +61,20 @@ public:
     // gives at 48 kHz, limited to where a loop of this damping stays stable.
     static float coefficientForRate(float coefficient48k, float damping, float rate);
 
+    // This filter's coefficients and state into one lane, and the state back from it.
+    void toLane(SVFilterLanes& lanes, int lane) const {
+        lanes.band[lane] = stage[0].band;
+        lanes.low[lane] = stage[0].low;
+        lanes.f[lane] = f;
+        lanes.q[lane] = q;
+        lanes.gain[lane] = gain;
+    }
+    void fromLane(const SVFilterLanes& lanes, int lane) {
+        // Every stage that runs sees the same input from the same state: they are all this one.
+        for (int k = 0; k < activeStages(); ++k)
+            stage[std::size_t(k)] = {lanes.band[lane], lanes.low[lane]};
+    }
+
 private:
     struct Stage {
         float band = 0.0f;
@@ -48,6 +82,9 @@ private:
     };
     template <bool HighPass>
     void processBuffer(const float* in, float* out, float* rest, int frames);
+    int activeStages() const {
+        return stages > 3.0f ? 4 : stages > 2.0f ? 3 : stages > 1.0f ? 2 : 1;
+    }
 
     float stages = 3.0f; // stage k (1-based) runs while stages > k - 1
     float cleared = 0.0f;
@@ -88,6 +125,36 @@ public:
 
     float getCutoff1() const { return cutoff1; }
     float getCutoff2() const { return cutoff2; }
+
+    // The four filters for loops that split a frame at a time, left channel in lane 0 and right
+    // in lane 1. Taken with lanes() and handed back with setLanes() when the loop is done.
+    struct Lanes {
+        SVFilterLanes highPass, lowPass;
+
+        // One frame of split(): high = HP(x), rest = x - high; low = LP(rest), middle = rest -
+        // low.
+        void split(sr::simd::f32x4 x, sr::simd::f32x4& low, sr::simd::f32x4& middle,
+                   sr::simd::f32x4& high) {
+            high = highPass.process<true>(x);
+            const sr::simd::f32x4 rest = x - high;
+            low = lowPass.process<false>(rest);
+            middle = rest - low;
+        }
+    };
+    Lanes lanes() const {
+        Lanes l;
+        hpLeft.toLane(l.highPass, 0);
+        hpRight.toLane(l.highPass, 1);
+        lpLeft.toLane(l.lowPass, 0);
+        lpRight.toLane(l.lowPass, 1);
+        return l;
+    }
+    void setLanes(const Lanes& l) {
+        hpLeft.fromLane(l.highPass, 0);
+        hpRight.fromLane(l.highPass, 1);
+        lpLeft.fromLane(l.lowPass, 0);
+        lpRight.fromLane(l.lowPass, 1);
+    }
     const SVFilter4Pole1& lowPass(int channel) const { return channel ? lpRight : lpLeft; }
     const SVFilter4Pole1& highPass(int channel) const { return channel ? hpRight : hpLeft; }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "effects/Chorus.h"
 #include "effects/EffectGlobals.h"
 #include "effects/EffectManager.h"
 #include "kernel/BandSplitFilter3.h"
@@ -55,6 +56,9 @@ public:
 
 private:
     void processStereo(float* left, float* right, int frames);
+    template <bool NearDelays, bool MixOpen>
+    void processInOnePass(float* left, float* right, int n, Chorus::Block& chorus, float dry,
+                          float wet, float mix);
     // The band splitter's cutoffs from the stored split points, each limited by the other.
     void applyLowerSplit();
     void applyUpperSplit();
