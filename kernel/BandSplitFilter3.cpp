@@ -70,11 +70,11 @@ float SVFilter4Pole1::coefficientForRate(float coefficient48k, float damping, fl
 
 template <bool HighPass>
 void SVFilter4Pole1::processBuffer(const float* in, float* out, float* rest, int frames) {
-    SVFilterLanes lanes;
-    toLane(lanes, 0);
+    SVFilterLanes lanes = SVFilter4Pole1::lanes(*this, *this, *this, *this);
     for (int i = 0; i < frames; ++i) {
         const float x = in[i];
-        const float y = lanes.process<HighPass>(sr::simd::splat(x))[0];
+        const sr::simd::f32x4 hp = lanes.step(sr::simd::splat(x));
+        const float y = (HighPass ? hp[0] : lanes.low[0]) * lanes.gain[0];
         out[i] = y;
         if (rest) rest[i] = x - y;
     }
@@ -157,12 +157,17 @@ void BandSplitFilter3::clear() {
 
 void BandSplitFilter3::split(const float* left, const float* right, int frames) {
     const int n = std::clamp(frames, 0, kMaxFrames);
+    if (n == 0) return;
     // Both channels and both filters a frame at a time: the filters' recursions run side by
     // side instead of one after another.
     Lanes l = lanes();
+    l.start(sr::simd::stereo(left[0], right[0]));
     for (int i = 0; i < n; ++i) {
         sr::simd::f32x4 low, middle, high;
-        l.split(sr::simd::stereo(left[i], right[i]), low, middle, high);
+        if (i + 1 < n)
+            l.next(sr::simd::stereo(left[i + 1], right[i + 1]), low, middle, high);
+        else
+            l.finish(low, middle, high);
         const auto k = size_t(i);
         highLeft[k] = high[0];
         highRight[k] = high[1];

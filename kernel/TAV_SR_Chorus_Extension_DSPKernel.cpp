@@ -199,7 +199,9 @@ void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right,
     globals.SOUND_BUFFER_SIZE = n;
     float dry, wet;
     Chorus* chorus = effectManager->insertedChorus(dry, wet);
-    if (chorus && globals.denormalkillbuf && n <= effectManager->capacity()) {
+    if (chorus && globals.denormalkillbuf && n <= effectManager->capacity() &&
+        bandSplitter.gainLow == 1.0f && bandSplitter.gainMid == 1.0f &&
+        bandSplitter.gainHigh == 1.0f) {
         Chorus::Block block = chorus->beginBlock();
         if (block.nearDelays && mix != 0.0f)
             processInOnePass<true, true>(left, right, n, block, dry, wet, mix);
@@ -229,12 +231,15 @@ void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right,
 // processStereo do one after another over the whole slice, with the same operations in the
 // same order, so the output bits are the same; the band and effect buffers between the stages
 // are left out:
-//   1. band split: high = HP(x), rest = x - high, low = LP(rest), middle = rest - low;
+//   1. band split: high = HP(x), rest = x - high, low = LP(rest), middle = rest - low (the
+//      low-pass runs a frame behind the high-pass, see BandSplitFilter3::Lanes, so a frame's
+//      bands are ready once the next frame is in);
 //   2. the effect manager adds the denormal noise to the middle band;
 //   3. the chorus on the middle band: the delay's glide, the read, the write with cross-feed
 //      and feedback, polarity and panning (Chorus::Block::step);
 //   4. the manager's insertion law: middle = middle x dry + chorus x wet;
-//   5. mix: low, middle and high summed with their gains;
+//   5. mix: low, middle and high summed (their gains are 1, as they always are, and x times 1
+//      is x);
 //   6. Chorus Mix: out = sum x mix + input x (1 - mix); at a mix of 0 the input stays.
 template <bool NearDelays, bool MixOpen>
 void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(float* left, float* right, int n,
@@ -246,26 +251,31 @@ void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(float* left, float* rig
     Chorus::Block chorus = block;
     Chorus::Block::Taps taps;
     const float* noise = globals.denormalkillbuf;
-    const float gainLow = bandSplitter.gainLow, gainMid = bandSplitter.gainMid,
-                gainHigh = bandSplitter.gainHigh;
     const float dryMix = 1.0f - mix;
+    f32x4 input = sr::simd::stereo(left[0], right[0]);
+    split.start(input);
     for (int first = 0; first < n; first += Chorus::Block::Taps::kFrames) {
         const int count = std::min(n - first, Chorus::Block::Taps::kFrames);
         chorus.computeTaps<NearDelays>(count, taps); // 3, ahead: where each frame reads
         for (int k = 0; k < count; ++k) {
             const int i = first + k;
-            const f32x4 input = sr::simd::stereo(left[i], right[i]);
-            f32x4 low, middle, high;
-            split.split(input, low, middle, high);                                // 1
-            middle = middle + noise[i];                                           // 2
-            const f32x4 chorused = chorus.step(taps, k, middle);                  // 3
-            middle = middle * dry + chorused * wet;                               // 4
-            const f32x4 sum = low * gainLow + middle * gainMid + high * gainHigh; // 5
-            if (mix != 0.0f) {                                                    // 6
+            f32x4 low, middle, high, nextInput{};
+            if (i + 1 < n) { // 1
+                nextInput = sr::simd::stereo(left[i + 1], right[i + 1]);
+                split.next(nextInput, low, middle, high);
+            } else {
+                split.finish(low, middle, high);
+            }
+            middle = middle + noise[i];                          // 2
+            const f32x4 chorused = chorus.step(taps, k, middle); // 3
+            middle = middle * dry + chorused * wet;              // 4
+            const f32x4 sum = low + middle + high;               // 5
+            if constexpr (MixOpen) {                             // 6
                 const f32x4 out = sum * mix + input * dryMix;
                 left[i] = out[0];
                 right[i] = out[1];
             }
+            input = nextInput;
         }
     }
     bandSplitter.setLanes(split);

@@ -28,6 +28,12 @@ bool sameBits(float a, float b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
+std::uint32_t bitsOf(float v) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return bits;
+}
+
 const void* findFeature(const LV2_Feature* const* features, const char* uri) {
     for (; features && *features; ++features)
         if ((*features)->URI && std::strcmp((*features)->URI, uri) == 0) return (*features)->data;
@@ -108,6 +114,8 @@ Plugin* Plugin::create(double sampleRate, const char* bundlePath,
 
 Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
     : map(urids), sampleRate(rate), events(std::make_unique<RenderEventList<>>()) {
+    controls.fill(&kUnconnectedPort);
+    portBits.fill(bitsOf(kUnconnectedPort));
     if (map) {
         auto id = [this](const char* uri) { return map->map(map->handle, uri); };
         uris.atomSequence = id(LV2_ATOM__Sequence);
@@ -142,7 +150,7 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
     renderBlock = unit->renderBlock();
     for (auto& channel : scratch) channel.assign(unit->maximumFramesToRender(), 0.0f);
 
-    AUParameterTree* tree = unit->parameterTree();
+    tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
         parameters[i] = tree->parameterWithAddress(i);
         reported[i] = parameters[i]->value();
@@ -157,7 +165,7 @@ Plugin::~Plugin() {
 
 void Plugin::connectPort(std::uint32_t port, void* data) {
     if (port < kParameterCount) {
-        controls[port] = static_cast<const float*>(data);
+        controls[port] = data ? static_cast<const float*>(data) : &kUnconnectedPort;
         return;
     }
     switch (port) {
@@ -193,13 +201,18 @@ void Plugin::activate() {
 // ---- run -----------------------------------------------------------------------------------
 
 void Plugin::readPorts() {
+    // The usual case, told cheaply: every port holds what it held at the last call.
+    std::uint32_t differs = 0;
+    for (std::size_t i = 0; i < kParameterCount; ++i) differs |= bitsOf(*controls[i]) ^ portBits[i];
+    if (differs == 0) {
+        adoptPorts = false;
+        return;
+    }
     for (std::size_t i = 0; i < kParameterCount; ++i) {
-        if (!controls[i]) continue;
         const float v = *controls[i];
-        if (portSeen[i] && sameBits(v, portValues[i])) continue;
-        portSeen[i] = true;
-        portValues[i] = v;
-        if (adoptPorts) continue;
+        if (bitsOf(v) == portBits[i]) continue;
+        portBits[i] = bitsOf(v);
+        if (adoptPorts || controls[i] == &kUnconnectedPort) continue;
         if (!std::isfinite(v)) {
             LineBuilder<> line;
             line << kLogPrefix << "WARNING: a non-finite value on port '"
@@ -227,12 +240,18 @@ void Plugin::readRequests() {
         if (ev->body.type != uris.atomObject) continue;
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
         if (object->atom.size >= sizeof(LV2_Atom_Object_Body) &&
-            object->body.otype == uris.requestValues)
+            object->body.otype == uris.requestValues) {
             reportRequested.fill(true);
+            reportOwed = true;
+        }
     }
 }
 
 void Plugin::reportEffectiveValues() {
+    // Nothing to tell while no value changed since all was told and nobody asked.
+    const std::uint64_t changes = tree->valueChangeCount();
+    if (changes == reportedChanges && !reportOwed) return;
+    reportOwed = true; // until every value found room
     for (std::size_t i = 0; i < kParameterCount; ++i) {
         const float value = parameters[i]->value();
         if (!reportRequested[i] && sameBits(value, reported[i])) continue;
@@ -252,6 +271,8 @@ void Plugin::reportEffectiveValues() {
         reported[i] = value;
         reportRequested[i] = false;
     }
+    reportedChanges = changes;
+    reportOwed = false;
 }
 
 void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {

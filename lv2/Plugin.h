@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -76,21 +77,24 @@ private:
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
     AURenderBlock renderBlock;
+    AUParameterTree* tree = nullptr;
     std::array<AUParameter*, kParameterCount> parameters{};
     std::unique_ptr<RenderEventList<>> events;
     // Where a call renders when the host's two outputs share memory.
     std::array<std::vector<float>, 2> scratch;
 
-    std::array<const float*, kParameterCount> controls{};
     const float* audioIn[2]{};
     float* audioOut[2]{};
     const LV2_Atom_Sequence* midiIn = nullptr;
     LV2_Atom_Sequence* midiOut = nullptr;
     LV2_Atom_Sequence* notify = nullptr;
 
-    // Control port values as last read, and whether each has been read since instantiation.
-    std::array<float, kParameterCount> portValues{};
-    std::array<bool, kParameterCount> portSeen{};
+    // The control ports, and the bits of each as last read. An unconnected port reads
+    // kUnconnectedPort, whose bits (a NaN no host writes) every port holds before its first
+    // read, so any first value is a change.
+    static constexpr float kUnconnectedPort = std::bit_cast<float>(std::uint32_t(0x7FC5C0DE));
+    std::array<const float*, kParameterCount> controls;
+    std::array<std::uint32_t, kParameterCount> portBits;
     // The effective values the host and the editor have been told about.
     std::array<float, kParameterCount> reported{};
     // After a restore, the ports' next values are taken as they stand, so the restored state
@@ -98,6 +102,10 @@ private:
     bool adoptPorts = false;
     // Values an editor asked for, reported whether they changed or not.
     std::array<bool, kParameterCount> reportRequested{};
+    // The tree's change count when every value had been reported, and whether a report is
+    // owed regardless (a request, or a notify port that ran out of room).
+    std::uint64_t reportedChanges = ~std::uint64_t(0);
+    bool reportOwed = true;
     bool audioWarned = false;
     // Port changes of the current run(), applied at its first frame.
     struct PortChange {

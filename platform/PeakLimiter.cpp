@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "util/Simd.h"
+
 namespace sr {
 
 namespace {
@@ -19,15 +21,24 @@ constexpr double kSnapDeficit = 1e-6;
 // Frames checked together before taking the pass-through path.
 constexpr std::uint32_t kChunk = 32;
 
+// Whether every sample times the gain stays within the ceiling; NaN compares false.
 bool belowCeiling(float* const* channels, std::uint32_t count, std::uint32_t begin,
                   std::uint32_t end, float gain) {
-    // Counting instead of breaking early keeps the loop vectorisable; NaN compares false.
-    std::uint32_t good = 0;
+    simd::i32x4 good = simd::splat(-1);
     for (std::uint32_t c = 0; c < count; ++c) {
         const float* x = channels[c];
-        for (std::uint32_t i = begin; i < end; ++i) good += std::fabs(x[i] * gain) <= 1.0f;
+        std::uint32_t i = begin;
+        for (; i + 4 <= end; i += 4) good &= simd::abs(simd::load(x + i) * gain) <= 1.0f;
+        for (; i < end; ++i)
+            if (!(std::fabs(x[i] * gain) <= 1.0f)) return false;
     }
-    return good == count * (end - begin);
+    return simd::all(good);
+}
+
+void scale(float* x, std::uint32_t begin, std::uint32_t end, float gain) {
+    std::uint32_t i = begin;
+    for (; i + 4 <= end; i += 4) simd::store(x + i, simd::load(x + i) * gain);
+    for (; i < end; ++i) x[i] *= gain;
 }
 
 } // namespace
@@ -121,8 +132,7 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
         const std::uint32_t end = std::min(frames, begin + kChunk);
         // The per-frame path gives the same bits for such frames; this is only faster.
         if (idle() && belowCeiling(used, count, begin, end, g)) {
-            for (std::uint32_t c = 0; c < count; ++c)
-                for (std::uint32_t i = begin; i < end; ++i) used[c][i] *= g;
+            for (std::uint32_t c = 0; c < count; ++c) scale(used[c], begin, end, g);
             lastApplied = 1.0;
         } else {
             for (std::uint32_t i = begin; i < end; ++i) limitFrame(used, count, i);

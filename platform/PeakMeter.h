@@ -7,6 +7,7 @@
 #include <cmath>
 
 #include "platform/AudioTypes.h"
+#include "util/Simd.h"
 
 namespace sr {
 
@@ -21,8 +22,16 @@ public:
              ++c) {
             const auto* samples = static_cast<const float*>(list->mBuffers[c].mData);
             if (!samples || list->mBuffers[c].mDataByteSize < frames * sizeof(float)) continue;
-            for (AUAudioFrameCount i = 0; i < frames; ++i)
-                peak = std::max(peak, std::fabs(samples[i]));
+            // Two running maxima four lanes wide, so the comparisons do not wait on each other.
+            using sr::simd::f32x4;
+            f32x4 a{}, b{};
+            AUAudioFrameCount i = 0;
+            for (; i + 8 <= frames; i += 8) {
+                a = simd::maxOf(simd::abs(simd::load(samples + i)), a);
+                b = simd::maxOf(simd::abs(simd::load(samples + i + 4)), b);
+            }
+            peak = std::max(peak, simd::maxLane(simd::maxOf(a, b)));
+            for (; i < frames; ++i) peak = std::max(peak, std::fabs(samples[i]));
         }
         float current = held.load(std::memory_order_relaxed);
         while (peak > current &&

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 
 namespace sr::simd {
 
@@ -18,9 +19,9 @@ inline f32x4 splat(float v) {
 inline i32x4 splat(std::int32_t v) {
     return i32x4{v, v, v, v};
 }
-// Left and right in lanes 0 and 1.
+// Left and right in lanes 0 and 1 (lanes 2 and 3 undefined).
 inline f32x4 stereo(float left, float right) {
-    return f32x4{left, right, 0.0f, 0.0f};
+    return __builtin_shufflevector(f32x4{left}, f32x4{right}, 0, 4, -1, -1);
 }
 inline i32x4 stereo(std::int32_t left, std::int32_t right) {
     return i32x4{left, right, 0, 0};
@@ -39,6 +40,49 @@ inline f32x4 toFloat(i32x4 v) {
 // a where the mask lane is all ones, else b.
 inline i32x4 select(i32x4 mask, i32x4 a, i32x4 b) {
     return (a & mask) | (b & ~mask);
+}
+
+// Four floats from memory or to it, at any alignment.
+inline f32x4 load(const float* p) {
+    f32x4 v;
+    std::memcpy(&v, p, sizeof v);
+    return v;
+}
+inline void store(float* p, f32x4 v) {
+    std::memcpy(p, &v, sizeof v);
+}
+// |v| lane by lane (the sign bit cleared, as fabs does).
+inline f32x4 abs(f32x4 v) {
+    i32x4 bits;
+    std::memcpy(&bits, &v, sizeof v);
+    bits &= 0x7FFFFFFF;
+    std::memcpy(&v, &bits, sizeof v);
+    return v;
+}
+// a where a > b, else b, lane by lane: a NaN in a is passed over.
+inline f32x4 maxOf(f32x4 a, f32x4 b) {
+#if defined(__SSE__)
+    return __builtin_ia32_maxps(a, b);
+#else
+    const i32x4 greater = a > b;
+    i32x4 ai, bi;
+    std::memcpy(&ai, &a, sizeof a);
+    std::memcpy(&bi, &b, sizeof b);
+    const i32x4 r = select(greater, ai, bi);
+    f32x4 out;
+    std::memcpy(&out, &r, sizeof out);
+    return out;
+#endif
+}
+// The largest of the four lanes, NaN passed over as by maxOf.
+inline float maxLane(f32x4 v) {
+    const float a = v[0] > v[1] ? v[0] : v[1];
+    const float b = v[2] > v[3] ? v[2] : v[3];
+    return a > b ? a : b;
+}
+// True when every lane of the mask is set.
+inline bool all(i32x4 mask) {
+    return (mask[0] & mask[1] & mask[2] & mask[3]) == -1;
 }
 
 } // namespace sr::simd
