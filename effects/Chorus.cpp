@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace {
 
@@ -98,54 +99,75 @@ void Chorus::endBlock(const Block& block) {
 }
 
 // Four frames of one channel per lane group.
+namespace {
+
+using sr::simd::f32x4;
+using sr::simd::i32x4;
+
+// Four frames of one channel: the delay's glide, the read positions and the weight of the
+// sample at lo; stores the positions.
+inline f32x4 fourTaps(f32x4 from, f32x4 to, f32x4 i, f32x4 n, i32x4 position, i32x4 lineLength,
+                      f32x4 wrapOffset, std::int32_t* lo, std::int32_t* hi) {
+    // The delay glides linearly from its value at the block start to the one at its end.
+    const f32x4 d = (from * (n - i) + to * i) / n;
+    const f32x4 pos = (sr::simd::toFloat(position) - d) + wrapOffset;
+    // getdelay() keeps d below maxDelay - 0.5, so pos > maxDelay and its integer part is its
+    // truncation, below 4 maxDelay: the remainder takes three subtractions.
+    const i32x4 whole = sr::simd::truncated(pos);
+    i32x4 h = whole - lineLength;
+    h -= lineLength & (h >= lineLength);
+    h -= lineLength & (h >= lineLength);
+    std::memcpy(hi, &h, sizeof h);
+    const i32x4 l = (h - 1) + (lineLength & (h == 0)); // (hi - 1) mod maxDelay
+    std::memcpy(lo, &l, sizeof l);
+    // 1 - fmod(pos, 1): for pos > 0 the fraction pos - trunc(pos) is exact, as fmod is.
+    return 1.0f - (pos - sr::simd::toFloat(whole));
+}
+
+// The next four write positions (one step each, back to 0 at the end of the line).
+inline i32x4 advanced(i32x4 position, i32x4 lineLength) {
+    position += 4;
+    return position - (lineLength & (position >= lineLength));
+}
+
+void storeFloats(float* to, f32x4 v) {
+    std::memcpy(to, &v, sizeof v);
+}
+
+} // namespace
+
+// Four frames of a channel at a time.
 template <>
 void Chorus::Block::computeTaps<true>(int count, Taps& taps) {
-    using sr::simd::i32x4;
     using sr::simd::splat;
     const i32x4 lineLength = splat(maxDelay);
-    const f32x4 n = splat(float(frames));
-    f32x4 weights[2][Taps::kFrames / 4];
-    for (int c = 0; c < 2; ++c) {
-        const f32x4 from = splat(delayOld[c]), to = splat(delayNew[c]);
-        f32x4 i = splat(float(done)) + f32x4{0.0f, 1.0f, 2.0f, 3.0f};
-        i32x4 position = splat(write[c]) + i32x4{1, 2, 3, 4};
-        position -= lineLength & (position >= lineLength); // back to 0 at the end of the line
-        for (int g = 0; g < count; g += 4) {
-            // The delay glides linearly from its value at the block start to the one at its end.
-            const f32x4 d = (from * (n - i) + to * i) / n;
-            const f32x4 pos = (sr::simd::toFloat(position) - d) + wrapOffset;
-            // getdelay() keeps d below maxDelay - 0.5, so pos > maxDelay and its integer part
-            // is its truncation, below 4 maxDelay: the remainder takes three subtractions.
-            const i32x4 whole = sr::simd::truncated(pos);
-            i32x4 hi = whole - lineLength;
-            hi -= lineLength & (hi >= lineLength);
-            hi -= lineLength & (hi >= lineLength);
-            const i32x4 lo = (hi - 1) + (lineLength & (hi == 0)); // (hi - 1) mod maxDelay
-            // 1 - fmod(pos, 1): for pos > 0 the fraction pos - trunc(pos) is exact, as fmod is.
-            weights[c][g / 4] = 1.0f - (pos - sr::simd::toFloat(whole));
-            *reinterpret_cast<i32x4*>(&taps.hi[c][g]) = hi;
-            *reinterpret_cast<i32x4*>(&taps.lo[c][g]) = lo;
-            *reinterpret_cast<i32x4*>(&taps.write[c][g]) = position;
-            i += 4.0f;
-            position += 4;
-            position -= lineLength & (position >= lineLength);
-        }
-        write[c] = taps.write[c][count - 1];
-    }
+    const f32x4 n = splat(float(frames)), offset = splat(wrapOffset);
+    const f32x4 fromLeft = splat(delayOld[0]), toLeft = splat(delayNew[0]);
+    const f32x4 fromRight = splat(delayOld[1]), toRight = splat(delayNew[1]);
+    f32x4 i = splat(float(done)) + f32x4{0.0f, 1.0f, 2.0f, 3.0f};
+    i32x4 left = advanced(splat(write[0]) + i32x4{-3, -2, -1, 0}, lineLength);
+    i32x4 right = advanced(splat(write[1]) + i32x4{-3, -2, -1, 0}, lineLength);
     for (int g = 0; g < count; g += 4) {
-        const f32x4 l = weights[0][g / 4], r = weights[1][g / 4];
+        const f32x4 l = fourTaps(fromLeft, toLeft, i, n, left, lineLength, offset, &taps.lo[0][g],
+                                 &taps.hi[0][g]);
+        const f32x4 r = fourTaps(fromRight, toRight, i, n, right, lineLength, offset,
+                                 &taps.lo[1][g], &taps.hi[1][g]);
+        std::memcpy(&taps.write[0][g], &left, sizeof left);
+        std::memcpy(&taps.write[1][g], &right, sizeof right);
+        // Frame by frame: the weights at lo (left, right), then those at hi.
         const f32x4 lr01 = __builtin_shufflevector(l, r, 0, 4, 1, 5);
         const f32x4 lr23 = __builtin_shufflevector(l, r, 2, 6, 3, 7);
         const f32x4 rest01 = 1.0f - lr01, rest23 = 1.0f - lr23;
-        *reinterpret_cast<f32x4*>(taps.weight[g]) =
-            __builtin_shufflevector(lr01, rest01, 0, 1, 4, 5);
-        *reinterpret_cast<f32x4*>(taps.weight[g + 1]) =
-            __builtin_shufflevector(lr01, rest01, 2, 3, 6, 7);
-        *reinterpret_cast<f32x4*>(taps.weight[g + 2]) =
-            __builtin_shufflevector(lr23, rest23, 0, 1, 4, 5);
-        *reinterpret_cast<f32x4*>(taps.weight[g + 3]) =
-            __builtin_shufflevector(lr23, rest23, 2, 3, 6, 7);
+        storeFloats(taps.weight[g], __builtin_shufflevector(lr01, rest01, 0, 1, 4, 5));
+        storeFloats(taps.weight[g + 1], __builtin_shufflevector(lr01, rest01, 2, 3, 6, 7));
+        storeFloats(taps.weight[g + 2], __builtin_shufflevector(lr23, rest23, 0, 1, 4, 5));
+        storeFloats(taps.weight[g + 3], __builtin_shufflevector(lr23, rest23, 2, 3, 6, 7));
+        i += 4.0f;
+        left = advanced(left, lineLength);
+        right = advanced(right, lineLength);
     }
+    write[0] = taps.write[0][count - 1];
+    write[1] = taps.write[1][count - 1];
     done += count;
 }
 
