@@ -19,26 +19,25 @@ constexpr double kCeilingInDouble = 1.0 + 0x1p-24;
 constexpr double kSnapDeficit = 1e-6;
 
 // Frames checked together before taking the pass-through path.
-constexpr std::uint32_t kChunk = 32;
+constexpr std::uint32_t kGroup = 8;
 
-// Whether every sample times the gain stays within the ceiling; NaN compares false.
-bool belowCeiling(float* const* channels, std::uint32_t count, std::uint32_t begin,
-                  std::uint32_t end, float gain) {
+// The pass-through path for frames [begin, begin + kGroup) of every channel: each sample times
+// the gain, when every product stays within the ceiling (NaN compares false); otherwise nothing
+// is written and false is returned.
+bool scaleBelowCeiling(float* const* channels, std::uint32_t count, std::uint32_t begin,
+                       float gain) {
+    simd::f32x4 scaled[PeakLimiter::kMaxChannels][2];
     simd::i32x4 good = simd::splat(-1);
-    for (std::uint32_t c = 0; c < count; ++c) {
-        const float* x = channels[c];
-        std::uint32_t i = begin;
-        for (; i + 4 <= end; i += 4) good &= simd::abs(simd::load(x + i) * gain) <= 1.0f;
-        for (; i < end; ++i)
-            if (!(std::fabs(x[i] * gain) <= 1.0f)) return false;
-    }
-    return simd::all(good);
-}
-
-void scale(float* x, std::uint32_t begin, std::uint32_t end, float gain) {
-    std::uint32_t i = begin;
-    for (; i + 4 <= end; i += 4) simd::store(x + i, simd::load(x + i) * gain);
-    for (; i < end; ++i) x[i] *= gain;
+    for (std::uint32_t c = 0; c < count; ++c)
+        for (std::uint32_t h = 0; h < 2; ++h) {
+            scaled[c][h] = simd::load(channels[c] + begin + 4 * h) * gain;
+            good &= simd::abs(scaled[c][h]) <= 1.0f;
+        }
+    if (!simd::all(good)) return false;
+    for (std::uint32_t c = 0; c < count; ++c)
+        for (std::uint32_t h = 0; h < 2; ++h)
+            simd::store(channels[c] + begin + 4 * h, scaled[c][h]);
+    return true;
 }
 
 } // namespace
@@ -128,16 +127,14 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
     if (count == 0 || frames == 0) return;
 
     const float g = preGainFactor;
-    for (std::uint32_t begin = 0; begin < frames;) {
-        const std::uint32_t end = std::min(frames, begin + kChunk);
+    for (std::uint32_t begin = 0; begin < frames; begin += kGroup) {
         // The per-frame path gives the same bits for such frames; this is only faster.
-        if (idle() && belowCeiling(used, count, begin, end, g)) {
-            for (std::uint32_t c = 0; c < count; ++c) scale(used[c], begin, end, g);
+        if (begin + kGroup <= frames && idle() && scaleBelowCeiling(used, count, begin, g)) {
             lastApplied = 1.0;
         } else {
-            for (std::uint32_t i = begin; i < end; ++i) limitFrame(used, count, i);
+            for (std::uint32_t i = begin; i < std::min(frames, begin + kGroup); ++i)
+                limitFrame(used, count, i);
         }
-        begin = end;
     }
     lastGain.store(float(lastApplied), std::memory_order_relaxed);
 }

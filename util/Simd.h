@@ -82,7 +82,13 @@ inline float maxLane(f32x4 v) {
 }
 // True when every lane of the mask is set.
 inline bool all(i32x4 mask) {
+#if defined(__SSE__)
+    f32x4 bits;
+    std::memcpy(&bits, &mask, sizeof bits);
+    return __builtin_ia32_movmskps(bits) == 0xF;
+#else
     return (mask[0] & mask[1] & mask[2] & mask[3]) == -1;
+#endif
 }
 
 } // namespace sr::simd
