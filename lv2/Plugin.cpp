@@ -11,6 +11,7 @@
 
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
+#include "util/Simd.h"
 
 namespace sr::lv2 {
 
@@ -202,9 +203,15 @@ void Plugin::activate() {
 
 void Plugin::readPorts() {
     // The usual case, told cheaply: every port holds what it held at the last call.
-    std::uint32_t differs = 0;
-    for (std::size_t i = 0; i < kParameterCount; ++i) differs |= bitsOf(*controls[i]) ^ portBits[i];
-    if (differs == 0) {
+    simd::i32x4 differs{};
+    for (std::size_t i = 0; i < kControlSlots; i += 4) {
+        const simd::f32x4 now{*controls[i], *controls[i + 1], *controls[i + 2], *controls[i + 3]};
+        simd::i32x4 nowBits, before;
+        std::memcpy(&nowBits, &now, sizeof now);
+        std::memcpy(&before, &portBits[i], sizeof before);
+        differs |= nowBits ^ before;
+    }
+    if ((differs[0] | differs[1] | differs[2] | differs[3]) == 0) {
         adoptPorts = false;
         return;
     }

@@ -93,8 +93,10 @@ private:
     // kUnconnectedPort, whose bits (a NaN no host writes) every port holds before its first
     // read, so any first value is a change.
     static constexpr float kUnconnectedPort = std::bit_cast<float>(std::uint32_t(0x7FC5C0DE));
-    std::array<const float*, kParameterCount> controls;
-    std::array<std::uint32_t, kParameterCount> portBits;
+    // Rounded up to whole groups of four for the comparison; the extra ones stay unconnected.
+    static constexpr std::size_t kControlSlots = (kParameterCount + 3) / 4 * 4;
+    std::array<const float*, kControlSlots> controls;
+    alignas(16) std::array<std::uint32_t, kControlSlots> portBits;
     // The effective values the host and the editor have been told about.
     std::array<float, kParameterCount> reported{};
     // After a restore, the ports' next values are taken as they stand, so the restored state
