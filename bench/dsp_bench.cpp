@@ -6,6 +6,7 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
 #include <random>
 #include <vector>
@@ -17,8 +18,16 @@
 #include "kernel/TAV_SR_Chorus_Extension_DSPKernel.h"
 #include "platform/MainQueue.h"
 #include "platform/PrintQueue.h"
+#include "util/Simd.h"
 
 namespace {
+
+// SR_BENCH_NARROW=1 times the baseline loops where AVX2 ones would run.
+const bool narrow = [] {
+    if (const char* v = std::getenv("SR_BENCH_NARROW"); v && *v == '1')
+        sr::simd::allowWideVectors(false);
+    return true;
+}();
 
 struct Noise {
     std::vector<float> left, right;

@@ -1,8 +1,10 @@
 // Four-lane float and int vectors for the render loops that carry both channels side by side
-// (lane 0 left, lane 1 right; lanes 2 and 3 ride along unused). GCC/clang vector extensions:
+// (lane 0 left, lane 1 right; lanes 2 and 3 ride along unused), and wider ones for loops that
+// work on many frames at once. GCC/clang vector extensions:
 // one source for every target, SSE2 on x86-64. Each lane computes exactly what the same scalar
-// expression computes (IEEE single precision, nothing reassociated or fused), so a loop moved
-// into lanes keeps its output bits.
+// expression computes (IEEE single precision, nothing reassociated or fused: the build turns
+// contraction into fused multiply-adds off), so a loop moved into lanes, of whatever width,
+// keeps its output bits.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +43,27 @@ inline f32x4 toFloat(i32x4 v) {
 inline i32x4 select(i32x4 mask, i32x4 a, i32x4 b) {
     return (a & mask) | (b & ~mask);
 }
+
+// Vectors of N lanes, for loops written once for several widths.
+template <int N>
+struct Vec;
+template <>
+struct Vec<4> {
+    using f32 = f32x4;
+    using i32 = i32x4;
+};
+template <>
+struct Vec<8> {
+    typedef float f32 __attribute__((vector_size(32)));
+    typedef std::int32_t i32 __attribute__((vector_size(32)));
+};
+
+// Whether loops that pay for it may take their eight-lane AVX2 versions: true when this
+// processor has AVX2 (found once, when the program or plug-in is loaded), unless turned off.
+bool wideVectors();
+// Tests turn the wide versions off to check the baseline ones; on processors without AVX2 they
+// stay off whatever is asked.
+void allowWideVectors(bool allowed);
 
 // Four floats from memory or to it, at any alignment.
 inline f32x4 load(const float* p) {
