@@ -62,22 +62,37 @@ constexpr std::uint32_t kNotifyEventBytes = sizeof(LV2_Atom_Event) + sizeof(LV2_
 
 // ---- atom output ---------------------------------------------------------------------------
 
-void Plugin::SequenceWriter::begin(LV2_Atom_Sequence* port) {
-    open = false;
+void Plugin::SequenceWriter::begin(LV2_Atom_Sequence* to) {
+    open = forging = false;
     // The host sets the size to the room it offers; too little for an empty sequence is left
     // alone rather than overrun.
-    if (!port || port->atom.size < sizeof(LV2_Atom_Sequence)) return;
-    lv2_atom_forge_set_buffer(&forge, reinterpret_cast<std::uint8_t*>(port), port->atom.size);
-    open = lv2_atom_forge_sequence_head(&forge, &frame, 0) != 0;
+    if (!to || to->atom.size < sizeof(LV2_Atom_Sequence)) return;
+    // Most calls write nothing: the empty sequence directly, the forge only for an event.
+    port = to;
+    capacity = to->atom.size;
+    to->atom.type = forge.Sequence;
+    to->atom.size = sizeof(LV2_Atom_Sequence_Body);
+    to->body.unit = 0;
+    to->body.pad = 0;
+    open = true;
 }
 
 bool Plugin::SequenceWriter::fits(std::uint32_t eventBytes) const {
-    return open && forge.offset + eventBytes <= forge.size;
+    return open && (forging ? forge.offset : sizeof(LV2_Atom_Sequence)) + eventBytes <= capacity;
+}
+
+LV2_Atom_Forge& Plugin::SequenceWriter::events() {
+    if (!forging) {
+        lv2_atom_forge_set_buffer(&forge, reinterpret_cast<std::uint8_t*>(port), capacity);
+        lv2_atom_forge_sequence_head(&forge, &frame, 0);
+        forging = true;
+    }
+    return forge;
 }
 
 void Plugin::SequenceWriter::end() {
-    if (open) lv2_atom_forge_pop(&forge, &frame);
-    open = false;
+    if (open && forging) lv2_atom_forge_pop(&forge, &frame);
+    open = forging = false;
 }
 
 // ---- life cycle ----------------------------------------------------------------------------
@@ -265,7 +280,7 @@ void Plugin::reportEffectiveValues() {
         if (notifyWriter.open) {
             // What finds no room is reported next call.
             if (!notifyWriter.fits(kNotifyEventBytes)) return;
-            LV2_Atom_Forge& forge = notifyWriter.forge;
+            LV2_Atom_Forge& forge = notifyWriter.events();
             LV2_Atom_Forge_Frame object;
             lv2_atom_forge_frame_time(&forge, 0);
             lv2_atom_forge_object(&forge, &object, 0, uris.parameterValue);
@@ -355,7 +370,7 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
     const std::int64_t last = runFrames > 0 ? std::int64_t(runFrames) - 1 : 0;
     const std::int64_t frame =
         std::clamp<std::int64_t>(callOffset + (time - AUEventSampleTimeImmediate), 0, last);
-    LV2_Atom_Forge& forge = midiWriter.forge;
+    LV2_Atom_Forge& forge = midiWriter.events();
     lv2_atom_forge_frame_time(&forge, frame);
     lv2_atom_forge_atom(&forge, size, uris.midiEvent);
     lv2_atom_forge_write(&forge, bytes, size);

@@ -52,9 +52,14 @@ private:
     struct SequenceWriter {
         LV2_Atom_Forge forge{};
         LV2_Atom_Forge_Frame frame{};
+        LV2_Atom_Sequence* port = nullptr;
+        std::uint32_t capacity = 0;
         bool open = false;
+        bool forging = false;
         void begin(LV2_Atom_Sequence* port);
         bool fits(std::uint32_t bodyBytes) const;
+        // The forge, after the sequence's head, for the next event.
+        LV2_Atom_Forge& events();
         void end();
     };
 
