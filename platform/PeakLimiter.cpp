@@ -23,10 +23,13 @@ constexpr std::uint32_t kGroup = 8;
 
 // The pass-through path for frames [begin, begin + kGroup) of every channel: each sample times
 // the gain, when every product stays within the ceiling (NaN compares false); otherwise nothing
-// is written and false is returned.
+// is written and false is returned. Channels is the count when known at compile time (stereo,
+// the usual case, then keeps everything in registers), 0 otherwise.
+template <std::uint32_t Channels>
 bool scaleBelowCeiling(float* const* channels, std::uint32_t count, std::uint32_t begin,
-                       float gain) {
-    simd::f32x4 scaled[PeakLimiter::kMaxChannels][2];
+                       simd::f32x4 gain) {
+    if constexpr (Channels != 0) count = Channels;
+    simd::f32x4 scaled[Channels != 0 ? Channels : PeakLimiter::kMaxChannels][2];
     simd::i32x4 good = simd::splat(-1);
     for (std::uint32_t c = 0; c < count; ++c)
         for (std::uint32_t h = 0; h < 2; ++h) {
@@ -126,10 +129,12 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
     }
     if (count == 0 || frames == 0) return;
 
-    const float g = preGainFactor;
+    const simd::f32x4 g = simd::splat(preGainFactor);
     for (std::uint32_t begin = 0; begin < frames; begin += kGroup) {
         // The per-frame path gives the same bits for such frames; this is only faster.
-        if (begin + kGroup <= frames && idle() && scaleBelowCeiling(used, count, begin, g)) {
+        if (begin + kGroup <= frames && idle() &&
+            (count == 2 ? scaleBelowCeiling<2>(used, count, begin, g)
+                        : scaleBelowCeiling<0>(used, count, begin, g))) {
             lastApplied = 1.0;
         } else {
             for (std::uint32_t i = begin; i < std::min(frames, begin + kGroup); ++i)
