@@ -199,7 +199,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right,
     globals.SOUND_BUFFER_SIZE = n;
     float dry, wet;
     Chorus* chorus = effectManager->insertedChorus(dry, wet);
-    if (chorus && globals.denormalkillbuf && n <= effectManager->capacity() &&
+    if (onePass && chorus && globals.denormalkillbuf && n <= effectManager->capacity() &&
         bandSplitter.gainLow == 1.0f && bandSplitter.gainMid == 1.0f &&
         bandSplitter.gainHigh == 1.0f) {
         Chorus::Block block = chorus->beginBlock();

@@ -49,6 +49,10 @@ public:
     void process2(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
     void process(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
 
+    // Whether a stereo slice may run in one pass (the default) or must run its stages one
+    // after another; both give the same bits, and tests compare them.
+    void setOnePass(bool allowed) { onePass = allowed; }
+
     // For inspection and tests.
     EffectManager& getEffectManager() { return *effectManager; }
     const BandSplitFilter3& getBandSplitter() const { return bandSplitter; }
@@ -82,6 +86,7 @@ private:
     GainRamp outputGain;
     std::atomic<bool> bypassed{false};
     bool midiThrough = false; // nothing sets it: MIDI reaches the parameters elsewhere
+    bool onePass = true;
     std::atomic<AUAudioFrameCount> maxFramesToRender{4096};
     // This instance's effect-engine settings and anti-denormal noise.
     EffectGlobals globals;
