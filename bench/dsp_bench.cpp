@@ -31,9 +31,10 @@ const bool narrow = [] {
 
 struct Noise {
     std::vector<float> left, right;
-    explicit Noise(std::size_t frames) : left(frames), right(frames) {
+    // Uniform noise at -6 dBFS, or at another peak (0 for silence, 1e-39 for subnormal noise).
+    explicit Noise(std::size_t frames, float peak = 0.5f) : left(frames), right(frames) {
         std::mt19937 rng(1);
-        std::uniform_real_distribution<float> dist(-0.5f, 0.5f);
+        std::uniform_real_distribution<float> dist(-peak, peak);
         for (std::size_t i = 0; i < frames; ++i) {
             left[i] = dist(rng);
             right[i] = dist(rng);
@@ -121,7 +122,7 @@ void BM_Kernel(benchmark::State& state) {
     perFrame(state, frames);
 }
 
-void BM_RenderBlock(benchmark::State& state) {
+void renderBlock(benchmark::State& state, float peak) {
     const QuietLog quiet;
     const auto frames = AUAudioFrameCount(state.range(0));
     {
@@ -132,7 +133,7 @@ void BM_RenderBlock(benchmark::State& state) {
         unit.inputBusses()[0].setFormat(format);
         unit.allocateRenderResources();
         const AURenderBlock block = unit.renderBlock();
-        const Noise in(frames);
+        const Noise in(frames, peak);
         std::vector<float> outLeft(frames), outRight(frames);
         auto pull = [&](AudioUnitRenderActionFlags*, const AudioTimeStamp*, AUAudioFrameCount n,
                         NSInteger, AudioBufferList* input) -> AUAudioUnitStatus {
@@ -157,9 +158,22 @@ void BM_RenderBlock(benchmark::State& state) {
     }
 }
 
+void BM_RenderBlock(benchmark::State& state) {
+    renderBlock(state, 0.5f);
+}
+// The same with silence and with subnormal noise: the cost must not depend on the input.
+void BM_RenderBlockSilence(benchmark::State& state) {
+    renderBlock(state, 0.0f);
+}
+void BM_RenderBlockSubnormal(benchmark::State& state) {
+    renderBlock(state, 1e-39f);
+}
+
 } // namespace
 
 BENCHMARK(BM_BandSplit)->Arg(16)->Arg(64)->Arg(512);
 BENCHMARK(BM_Chorus)->Arg(16)->Arg(64)->Arg(512);
 BENCHMARK(BM_Kernel)->Arg(16)->Arg(64)->Arg(512);
 BENCHMARK(BM_RenderBlock)->Arg(16)->Arg(64)->Arg(512);
+BENCHMARK(BM_RenderBlockSilence)->Arg(64);
+BENCHMARK(BM_RenderBlockSubnormal)->Arg(64);
