@@ -58,18 +58,6 @@ Stereo testSignal() {
     return s;
 }
 
-// The unit's trace lines are not this test's business.
-struct QuietLog {
-    QuietLog() {
-        sr::printQueue().flush();
-        sr::printQueue().setSink([](std::string_view) {});
-    }
-    ~QuietLog() {
-        sr::printQueue().flush();
-        sr::printQueue().setSink(nullptr);
-    }
-};
-
 struct TimedEvent {
     AUEventSampleTime frame;
     bool midi;
@@ -232,7 +220,7 @@ std::string hex(std::uint64_t h) {
 }
 
 void checkRate(double rate) {
-    const QuietLog quiet;
+    const sr::test::QuietLog quiet;
     const Stereo in = testSignal();
     const char* update = std::getenv("SR_GOLDEN_UPDATE");
     const bool updating = update && (std::string(update) == "1" ||
@@ -281,7 +269,7 @@ TEST(GoldenRender, BaselineLoopsGiveTheSameBits) {
 // Nothing in the path depends on the run (the random sources are the instance's own): two
 // renders of one case are identical, so the recorded hashes can mean something.
 TEST(GoldenRender, RendersAreRepeatable) {
-    const QuietLog quiet;
+    const sr::test::QuietLog quiet;
     const Stereo in = testSignal();
     const Case c = cases()[1];
     EXPECT_EQ(hashOf(render(c, 48000.0, 64, in)), hashOf(render(c, 48000.0, 64, in)));

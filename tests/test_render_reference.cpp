@@ -15,6 +15,7 @@
 #include "kernel/ParameterTable.h"
 #include "kernel/TAV_SR_Chorus_Extension_DSPKernel.h"
 #include "platform/PrintQueue.h"
+#include "tests/AudioUnitHost.h"
 #include "util/Simd.h"
 
 namespace {
@@ -99,21 +100,10 @@ TEST(RenderReference, ChorusBaselineLoopsEqualThePlainLoop) {
     chorusAgainstReference(false);
 }
 
-struct QuietLog {
-    QuietLog() {
-        sr::printQueue().flush();
-        sr::printQueue().setSink([](std::string_view) {});
-    }
-    ~QuietLog() {
-        sr::printQueue().flush();
-        sr::printQueue().setSink(nullptr);
-    }
-};
-
 // Two kernels with the same settings and input, one of them made to run its stages one after
 // another; slices of every length, parameter changes between them.
 TEST(RenderReference, OnePassKernelEqualsItsStagesOneAfterAnother) {
-    const QuietLog quiet;
+    const sr::test::QuietLog quiet;
     std::mt19937 rng(5);
     std::uniform_real_distribution<float> unit(0.0f, 1.0f), sample(-1.0f, 1.0f);
     for (double rate : {48000.0, 44100.0, 96000.0}) {
