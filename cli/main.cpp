@@ -17,6 +17,7 @@
 #include "cli/OfflineRenderer.h"
 #include "cli/ProgressBar.h"
 #include "cli/SoundFiles.h"
+#include "editor/PanelImage.h"
 #include "platform/AtomicFile.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
@@ -69,6 +70,17 @@ PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options) {
     return unit.fullState().value_or(PropertyList{});
 }
 
+// The editor panel as a host would show it for the unit's current settings.
+void writePanel(const std::string& path, const Options& options,
+                TAV_SR_Chorus_Extension_AudioUnit& unit) {
+    float values[kParameterCount];
+    for (std::size_t a = 0; a < kParameterCount; ++a)
+        values[a] = unit.parameterTree()->parameterWithAddress(a)->value();
+    editor::PanelSnapshot snapshot(values);
+    snapshot.controller().pluginView.baseClass.isMainVisible = !options.panelLFOPage;
+    editor::writePanelPNG(snapshot.controller(), path, options.panelWidth, options.panelHeight);
+}
+
 void writeStateFiles(const Options& options, const PropertyList& state) {
     if (!options.savePreset.empty()) {
         TAVPreset preset;
@@ -90,6 +102,7 @@ void writeStateFiles(const Options& options, const PropertyList& state) {
 int writeStateOnly(const Options& options) {
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames);
     writeStateFiles(options, prepareUnit(renderer, options));
+    if (!options.panelFile.empty()) writePanel(options.panelFile, options, renderer.audioUnit());
     return 0;
 }
 
@@ -129,6 +142,7 @@ int renderFile(const Options& options) {
     OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
                              midiInput(options, input.sampleRate()));
     const PropertyList state = prepareUnit(renderer, options);
+    if (!options.panelFile.empty()) writePanel(options.panelFile, options, renderer.audioUnit());
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
     const std::size_t chunk = chunkFrames(options.blockFrames);
@@ -163,11 +177,13 @@ double peakDbfs(const std::vector<float>& samples) {
 }
 
 // The demo through the plug-in; the audio unit is gone (and has logged its last line) on return.
-std::vector<float> renderDemo(const Options& options, const DemoSignal& dry) {
+std::vector<float> renderDemo(const Options& options, const DemoSignal& dry,
+                              const std::string& panelPath) {
     std::vector<float> wet(dry.samples.size());
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              midiInput(options, DemoSignal::kSampleRate));
     const PropertyList state = prepareUnit(renderer, options);
+    writePanel(panelPath, options, renderer.audioUnit());
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
     for (std::size_t frame = 0; frame < dry.frames(); frame += chunk) {
@@ -191,7 +207,9 @@ int runDemo(const Options& options) {
     if (error) throw Error("cannot create '" + directory.string() + "': " + error.message());
 
     const DemoSignal dry = makeDemoSignal();
-    const std::vector<float> wet = renderDemo(options, dry);
+    const std::string panelPath =
+        options.panelFile.empty() ? (directory / "panel.png").string() : options.panelFile;
+    const std::vector<float> wet = renderDemo(options, dry, panelPath);
     const std::string dryPath = (directory / "demo-dry.wav").string();
     const std::string wetPath = (directory / "demo-wet.wav").string();
     writeWholeFile(dryPath, dry.samples);
@@ -204,6 +222,8 @@ int runDemo(const Options& options) {
     std::printf("  %-40s peak %6.1f dBFS  (input)\n", dryPath.c_str(), peakDbfs(dry.samples));
     std::printf("  %-40s peak %6.1f dBFS  (%s)\n", wetPath.c_str(), peakDbfs(wet),
                 options.settings.empty() ? "default settings" : "with the --set values");
+    std::printf("  %-40s the editor panel, %d x %d\n", panelPath.c_str(), options.panelWidth,
+                options.panelHeight);
     return 0;
 }
 
