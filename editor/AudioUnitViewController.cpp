@@ -176,10 +176,20 @@ void AudioUnitViewController::onTAVSRChorusViewOption(std::int64_t address, floa
     }
 }
 
+CGRect AudioUnitViewController::panelFrame(const CGRect& bounds) {
+    CGSize scale;
+    return applyResizing(ResizingBehavior::aspectFit, TAVSRChorusViewBase::kCanvas, bounds, scale);
+}
+
 void AudioUnitViewController::draw(cairo_t* cr, const CGRect& bounds) {
-    pluginView.bounds = bounds;
     pluginFrame.draw(cr, bounds);
+    const CGRect frame = panelFrame(bounds);
+    pluginView.frame = frame;
+    pluginView.bounds = {0, 0, frame.width(), frame.height()};
+    cairo_save(cr);
+    cairo_translate(cr, frame.minX(), frame.minY());
     pluginView.draw(cr);
+    cairo_restore(cr);
 }
 
 } // namespace sr::editor

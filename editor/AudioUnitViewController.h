@@ -49,8 +49,11 @@ public:
 
     // The host's main queue for this controller: drain it on the UI thread.
     DrainedMainQueue& mainQueue() { return queue; }
-    // The frame behind the panel, then the panel letterboxed over it.
+    // The frame fills `bounds` (the window); the panel view is laid out over it at the largest
+    // size of the panel's proportions, centred, and drawn there.
     void draw(cairo_t* cr, const CGRect& bounds);
+    // The panel view's place for a window of this size.
+    static CGRect panelFrame(const CGRect& bounds);
 
     TAVSRChorusView pluginView;
     PluginFrameEx pluginFrame;

@@ -4,8 +4,9 @@
 
 namespace sr::editor {
 
-void PanelPointer::press(CGPoint location, double seconds) {
+void PanelPointer::press(CGPoint windowLocation, double seconds) {
     if (dragging) return; // a second button during a drag changes nothing
+    const CGPoint location = inView(windowLocation);
     const std::string mode = view.hotspotAt(location);
     const bool quick =
         havePress && seconds - lastPressSeconds <= kDoubleClickSeconds &&
@@ -23,13 +24,13 @@ void PanelPointer::press(CGPoint location, double seconds) {
 }
 
 void PanelPointer::motion(CGPoint location) {
-    if (dragging) view.touchesMoved(location);
+    if (dragging) view.touchesMoved(inView(location));
 }
 
 void PanelPointer::release(CGPoint location) {
     if (!dragging) return;
     dragging = false;
-    view.touchesEnded(location);
+    view.touchesEnded(inView(location));
 }
 
 void PanelPointer::grabLost() {
@@ -40,7 +41,7 @@ void PanelPointer::grabLost() {
 
 void PanelPointer::wheel(CGPoint location, int steps, bool fine) {
     if (dragging || steps == 0) return;
-    view.nudge(view.hotspotAt(location), steps, fine);
+    view.nudge(view.hotspotAt(inView(location)), steps, fine);
 }
 
 } // namespace sr::editor

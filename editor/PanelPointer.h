@@ -19,7 +19,8 @@ public:
 
     explicit PanelPointer(TAVSRChorusView& view) : view(view) {}
 
-    // Positions in view coordinates; `seconds` from any steady clock.
+    // Positions in window coordinates (the view's frame is taken off); `seconds` from any
+    // steady clock.
     void press(CGPoint location, double seconds);
     void motion(CGPoint location);
     void release(CGPoint location);
@@ -29,9 +30,11 @@ public:
     void wheel(CGPoint location, int steps, bool fine);
 
     bool isDragging() const { return dragging; }
-    PanelCursor cursorAt(CGPoint location) { return view.cursorAt(location); }
+    PanelCursor cursorAt(CGPoint location) { return view.cursorAt(inView(location)); }
 
 private:
+    CGPoint inView(CGPoint p) const { return {p.x - view.frame.minX(), p.y - view.frame.minY()}; }
+
     TAVSRChorusView& view;
     bool dragging = false;
     bool havePress = false;

@@ -60,7 +60,9 @@ public:
     double savedValue2 = 0;
     int lastIndex = 0;
 
-    // The view's rectangle in its window (view units).
+    // Where the view lies in its window, and its own rectangle (origin 0, 0): touch positions
+    // are in the view's own coordinates.
+    CGRect frame{0, 0, 1024, 400};
     CGRect bounds{0, 0, 1024, 400};
     // Called when the panel needs drawing again.
     std::function<void()> needsDisplay;
