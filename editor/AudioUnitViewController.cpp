@@ -182,8 +182,20 @@ CGRect AudioUnitViewController::panelFrame(const CGRect& bounds) {
 }
 
 void AudioUnitViewController::draw(cairo_t* cr, const CGRect& bounds) {
-    pluginFrame.draw(cr, bounds);
     const CGRect frame = panelFrame(bounds);
+    // The frame shows only around the panel (and in its rounded corners).
+    cairo_save(cr);
+    cairo_set_fill_rule(cr, CAIRO_FILL_RULE_EVEN_ODD);
+    cairo_rectangle(cr, bounds.minX(), bounds.minY(), bounds.width(), bounds.height());
+    const double corner = 8 * frame.width() / TAVSRChorusViewBase::kCanvas.width();
+    cairo_rectangle(cr, frame.minX(), frame.minY() + corner, frame.width(),
+                    frame.height() - 2 * corner);
+    cairo_rectangle(cr, frame.minX() + corner, frame.minY(), frame.width() - 2 * corner, corner);
+    cairo_rectangle(cr, frame.minX() + corner, frame.maxY() - corner, frame.width() - 2 * corner,
+                    corner);
+    cairo_clip(cr);
+    pluginFrame.draw(cr, bounds);
+    cairo_restore(cr);
     pluginView.frame = frame;
     pluginView.bounds = {0, 0, frame.width(), frame.height()};
     cairo_save(cr);

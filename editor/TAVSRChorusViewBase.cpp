@@ -72,7 +72,9 @@ void TAVSRChorusViewBase::drawMain(cairo_t* cr, const CGRect& frame, ResizingBeh
     cairo_scale(cr, fitted.width() / kCanvas.width(), fitted.height() / kCanvas.height());
     cairo_set_line_join(cr, CAIRO_LINE_JOIN_ROUND);
 
-    drawBackground(cr);
+    // The plate: background, the split track, the display's glass and the titles, none of
+    // which any other element overlaps.
+    drawPlate(cr);
     drawSplitBar(cr);
     drawDisplay(cr);
 
@@ -140,8 +142,6 @@ void TAVSRChorusViewBase::drawMain(cairo_t* cr, const CGRect& frame, ResizingBeh
                          isButtonBypassActive, "Bypass", isBypassActive);
     });
 
-    drawTitles(cr);
-
     drawSymbolHotspots(cr, kCanvas, ResizingBehavior::aspectFit);
     updateHotspots();
     if (showHotspots)
@@ -154,16 +154,14 @@ void TAVSRChorusViewBase::drawMain(cairo_t* cr, const CGRect& frame, ResizingBeh
 void TAVSRChorusViewBase::drawBackground(cairo_t* cr) {
     const CGRect panel = kCanvas.insetBy(2, 2);
     roundedRect(cr, panel, 6);
-    colorMain.set(cr);
+    // The plate's colour with a faint top light, in one pass: it reads as a surface.
+    cairo_pattern_t* plate = cairo_pattern_create_linear(0, 0, 0, 400);
+    colorMain.mixed(UIColor::white(), 0.035).addStop(plate, 0);
+    colorMain.addStop(plate, 0.45);
+    colorMain.mixed(UIColor::black(), 0.06).addStop(plate, 1);
+    cairo_set_source(cr, plate);
     cairo_fill_preserve(cr);
-    // A faint top light, so the plate reads as a surface rather than a flat colour.
-    cairo_pattern_t* light = cairo_pattern_create_linear(0, 0, 0, 400);
-    UIColor::white().withAlpha(0.035).addStop(light, 0);
-    UIColor::white().withAlpha(0).addStop(light, 0.45);
-    UIColor::black().withAlpha(0.06).addStop(light, 1);
-    cairo_set_source(cr, light);
-    cairo_fill_preserve(cr);
-    cairo_pattern_destroy(light);
+    cairo_pattern_destroy(plate);
     UIColor::systemGray().set(cr);
     cairo_set_line_width(cr, 4);
     cairo_stroke(cr);
@@ -206,21 +204,11 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     const double lp = splitX(valueSplitLP);
     const double hp = splitX(valueSplitHP);
 
-    // The track the handles run on, with a tick every tenth of the range.
-    cairo_set_line_width(cr, 1);
-    colorContrast.withAlpha(0.22).set(cr);
-    cairo_move_to(cr, kSplitLeft, 125.5);
-    cairo_line_to(cr, kSplitLeft + kSplitWidth, 125.5);
-    cairo_stroke(cr);
-    for (int i = 0; i <= 10; ++i) {
-        const double x = std::round(splitX(i / 10.0)) + 0.5;
-        const double len = (i % 5 == 0) ? 6 : 3.5;
-        cairo_move_to(cr, x, 166);
-        cairo_line_to(cr, x, 166 + len);
-        cairo_stroke(cr);
-    }
-
     const UIColor emphasis70 = colorEmphasize.withAlpha(0.7);
+    // The layer only as large as the bar and its outline.
+    cairo_save(cr);
+    cairo_rectangle(cr, lp - 4, 86, hp - lp + 8, 79);
+    cairo_clip(cr);
     cairo_push_group(cr);
     roundedRect(cr, {lp, 90, hp - lp, 71}, 6);
     (isRangeActive ? colorEmphasize : emphasis70).set(cr);
@@ -238,6 +226,7 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     cairo_stroke(cr);
     cairo_pop_group_to_source(cr);
     cairo_paint_with_alpha(cr, 0.7);
+    cairo_restore(cr);
 
     if (hp - lp > 70)
         text.drawLine(cr, "selective range", PanelFont::helveticaNeue, 11, {lp, 90, hp - lp, 71},
@@ -251,7 +240,8 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     });
 }
 
-void TAVSRChorusViewBase::drawDisplay(cairo_t* cr) {
+// The display's glass, and its text (drawDisplay): the glass is part of the plate.
+void TAVSRChorusViewBase::drawDisplayGlass(cairo_t* cr) {
     cairo_save(cr);
     cairo_translate(cr, 50.72, 329.43);
     cairo_scale(cr, 1.1, 1.1);
@@ -270,9 +260,43 @@ void TAVSRChorusViewBase::drawDisplay(cairo_t* cr) {
     UIColor::systemGray().set(cr);
     cairo_set_line_width(cr, 0.5);
     cairo_stroke(cr);
+    cairo_restore(cr);
+}
+
+void TAVSRChorusViewBase::drawDisplay(cairo_t* cr) {
+    cairo_save(cr);
+    cairo_translate(cr, 50.72, 329.43);
+    cairo_scale(cr, 1.1, 1.1);
+    const CGRect box{-1.72, -25.43, 441, 50};
     const CGRect inner{box.minX() + 14, box.minY() + 10, box.width() - 28, box.height() - 14};
     text.drawBlock(cr, textDisplay, PanelFont::helveticaNeueMedium, 11, inner, colorContrast);
     cairo_restore(cr);
+}
+
+void TAVSRChorusViewBase::drawTrack(cairo_t* cr) {
+    // The track the handles run on, with a tick every tenth of the range.
+    cairo_set_line_width(cr, 1);
+    colorContrast.withAlpha(0.22).set(cr);
+    cairo_move_to(cr, kSplitLeft, 125.5);
+    cairo_line_to(cr, kSplitLeft + kSplitWidth, 125.5);
+    cairo_stroke(cr);
+    for (int i = 0; i <= 10; ++i) {
+        const double x = std::round(splitX(i / 10.0)) + 0.5;
+        const double len = (i % 5 == 0) ? 6 : 3.5;
+        cairo_move_to(cr, x, 166);
+        cairo_line_to(cr, x, 166 + len);
+        cairo_stroke(cr);
+    }
+}
+
+void TAVSRChorusViewBase::drawPlate(cairo_t* cr) {
+    // Everything that changes only with the colours or the scale is drawn once and kept.
+    paintLayer(cr, kCanvas, "plate", [this](cairo_t* pc) {
+        drawBackground(pc);
+        drawTrack(pc);
+        drawDisplayGlass(pc);
+        drawTitles(pc);
+    });
 }
 
 void TAVSRChorusViewBase::drawTitles(cairo_t* cr) {
@@ -290,39 +314,48 @@ void TAVSRChorusViewBase::drawTitles(cairo_t* cr) {
 
 void TAVSRChorusViewBase::drawControllerField(cairo_t* cr, const CGRect& box,
                                               const CGRect& labelBox, double triangleX, double upY,
-                                              double downY, int number, bool active) {
+                                              double downY, int number, bool active,
+                                              FieldParts parts) {
     const UIColor& accent = active ? colorEmphasize : colorContrast;
-    roundedRect(cr, box, 3);
-    colorMain.mixed(UIColor::black(), 0.18).set(cr);
-    cairo_fill_preserve(cr);
-    accent.set(cr);
-    cairo_set_line_width(cr, active ? 1.0 : 0.5);
-    cairo_stroke(cr);
-    text.drawLine(cr, std::to_string(number), PanelFont::condensedBlack, 11, box, TextAlign::center,
-                  accent);
+    if (parts != FieldParts::live) {
+        roundedRect(cr, box, 3);
+        colorMain.mixed(UIColor::black(), 0.18).set(cr);
+        cairo_fill_preserve(cr);
+        colorContrast.set(cr);
+        cairo_set_line_width(cr, 0.5);
+        cairo_stroke(cr);
 
-    roundedRect(cr, labelBox, 3);
-    colorContrast.set(cr);
-    cairo_set_line_width(cr, 0.5);
-    cairo_stroke(cr);
-    text.drawLine(cr, "MIDI", PanelFont::condensedBlack, 10, labelBox, TextAlign::center,
-                  colorContrast);
+        roundedRect(cr, labelBox, 3);
+        cairo_stroke(cr);
+        text.drawLine(cr, "MIDI", PanelFont::condensedBlack, 10, labelBox, TextAlign::center,
+                      colorContrast);
 
-    // Light grey arrows above and below: the field is dragged up and down.
-    UIColor::grey(0.78).set(cr);
-    cairo_set_line_width(cr, 2.5);
-    triangle(cr, triangleX, upY, 3.36, 2.37, 0);
-    cairo_fill_preserve(cr);
-    cairo_stroke(cr);
-    triangle(cr, triangleX, downY, 3.36, -2.37, 0);
-    cairo_fill_preserve(cr);
-    cairo_stroke(cr);
+        // Light grey arrows above and below: the field is dragged up and down.
+        UIColor::grey(0.78).set(cr);
+        cairo_set_line_width(cr, 2.5);
+        triangle(cr, triangleX, upY, 3.36, 2.37, 0);
+        cairo_fill_preserve(cr);
+        cairo_stroke(cr);
+        triangle(cr, triangleX, downY, 3.36, -2.37, 0);
+        cairo_fill_preserve(cr);
+        cairo_stroke(cr);
+    }
+    if (parts != FieldParts::fixed) {
+        if (active) {
+            roundedRect(cr, box, 3);
+            colorEmphasize.set(cr);
+            cairo_set_line_width(cr, 1.0);
+            cairo_stroke(cr);
+        }
+        text.drawLine(cr, std::to_string(number), PanelFont::condensedBlack, 11, box,
+                      TextAlign::center, accent);
+    }
 }
 
 void TAVSRChorusViewBase::drawSplitController(cairo_t* cr, const CGRect& box, int number,
                                               bool active) {
     drawControllerField(cr, box, {box.minX(), box.maxY(), 28, 14}, box.minX() + 14,
-                        box.minY() - 4.5, box.maxY() + 18.5, number, active);
+                        box.minY() - 4.5, box.maxY() + 18.5, number, active, FieldParts::all);
 }
 
 // ---- knobs ----------------------------------------------------------------------------------
@@ -345,7 +378,50 @@ void TAVSRChorusViewBase::drawSymbolKnobLarge(cairo_t* cr, const CGRect& frame,
              true);
 }
 
-void TAVSRChorusViewBase::drawKnobFace(cairo_t* cr, double cx, double cy, double r, bool large) {
+TAVSRChorusViewBase::~TAVSRChorusViewBase() {
+    for (Layer& layer : layers) cairo_surface_destroy(layer.surface);
+}
+
+void TAVSRChorusViewBase::paintLayer(cairo_t* cr, const CGRect& rect, const std::string& tag,
+                                     const std::function<void(cairo_t*)>& draw) {
+    cairo_matrix_t m;
+    cairo_get_matrix(cr, &m);
+    double x0 = rect.minX(), y0 = rect.minY(), x1 = rect.maxX(), y1 = rect.maxY();
+    cairo_user_to_device(cr, &x0, &y0);
+    cairo_user_to_device(cr, &x1, &y1);
+    const double left = std::floor(std::min(x0, x1)), top = std::floor(std::min(y0, y1));
+    const int width = std::max(1, int(std::ceil(std::max(x0, x1)) - left));
+    const int height = std::max(1, int(std::ceil(std::max(y0, y1)) - top));
+    LayerKey key{tag,  colorMain, colorContrast, colorEmphasize, colorGrey,
+                 m.xx, m.yy,      m.x0 - left,   m.y0 - top};
+    cairo_surface_t* surface = nullptr;
+    for (const Layer& layer : layers)
+        if (layer.key == key) surface = layer.surface;
+    if (!surface) {
+        surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
+        cairo_t* lc = cairo_create(surface);
+        cairo_matrix_t local = m;
+        local.x0 -= left;
+        local.y0 -= top;
+        cairo_set_matrix(lc, &local);
+        cairo_set_line_join(lc, CAIRO_LINE_JOIN_ROUND);
+        draw(lc);
+        cairo_destroy(lc);
+        if (layers.size() >= kLayerCacheSize) {
+            cairo_surface_destroy(layers.front().surface);
+            layers.erase(layers.begin());
+        }
+        layers.push_back({std::move(key), surface});
+    }
+    cairo_save(cr);
+    cairo_identity_matrix(cr);
+    cairo_set_source_surface(cr, surface, left, top);
+    cairo_paint(cr);
+    cairo_restore(cr);
+}
+
+void TAVSRChorusViewBase::drawKnobFaceShape(cairo_t* cr, double cx, double cy, double r,
+                                            bool large) {
     // Shadow under the cap: a soft dark falloff, offset down.
     cairo_pattern_t* shadow =
         cairo_pattern_create_radial(cx, cy + 2.5, r * 0.7, cx, cy + 2.5, r + 5);
@@ -413,46 +489,61 @@ void TAVSRChorusViewBase::drawKnob(cairo_t* cr, const CGRect& frame, ResizingBeh
     cairo_translate(cr, fitted.minX(), fitted.minY());
     cairo_scale(cr, fitted.width() / own.width(), fitted.height() / own.height());
 
-    // 1. Card.
-    roundedRect(cr, {1.25, 1.25, 114, 102}, 6);
-    colorMain.set(cr);
-    cairo_fill_preserve(cr);
-    cairo_pattern_t* card = cairo_pattern_create_linear(0, 0, 0, 104);
-    UIColor::white().withAlpha(0.05).addStop(card, 0);
-    UIColor::black().withAlpha(0.07).addStop(card, 1);
-    cairo_set_source(cr, card);
-    cairo_fill_preserve(cr);
-    cairo_pattern_destroy(card);
-    colorContrast.set(cr);
-    cairo_set_line_width(cr, 0.5);
-    cairo_stroke(cr);
+    // What does not move with the value is drawn once per look and kept: card, well, the
+    // ring's track, the face (it never turns: the ring carries the value), the field's frame
+    // and labels, the caption.
+    paintLayer(cr, own, std::string(large ? "knob2:" : "knob1:") + name, [&](cairo_t* kc) {
+        // 1. Card.
+        roundedRect(kc, {1.25, 1.25, 114, 102}, 6);
+        cairo_pattern_t* card = cairo_pattern_create_linear(0, 0, 0, 104);
+        colorMain.mixed(UIColor::white(), 0.05).addStop(card, 0);
+        colorMain.mixed(UIColor::black(), 0.07).addStop(card, 1);
+        cairo_set_source(kc, card);
+        cairo_fill_preserve(kc);
+        cairo_pattern_destroy(card);
+        colorContrast.set(kc);
+        cairo_set_line_width(kc, 0.5);
+        cairo_stroke(kc);
+        // 2. Well.
+        circle(kc, 73.75, 44.25, kWellRadius);
+        colorMain.mixed(UIColor::black(), 0.12).set(kc);
+        cairo_fill_preserve(kc);
+        UIColor::black().set(kc);
+        cairo_set_line_width(kc, 3);
+        cairo_stroke(kc);
+        // The ring's whole travel, faintly.
+        cairo_set_line_cap(kc, CAIRO_LINE_CAP_ROUND);
+        cairo_set_line_width(kc, 2.5);
+        cairo_new_sub_path(kc);
+        cairo_arc(kc, kKnobCentre.x, kKnobCentre.y, kRingRadius, arcAngle(0.0), arcAngle(1.0));
+        colorContrast.withAlpha(0.16).set(kc);
+        cairo_stroke(kc);
+        cairo_set_line_cap(kc, CAIRO_LINE_CAP_BUTT);
+        // 3. Face.
+        drawKnobFaceShape(kc, kKnobCentre.x, kKnobCentre.y, kFaceRadius, large);
+        // 5. The controller field's frame, label and arrows.
+        drawControllerField(kc, {9, 48, 28, 27.5}, {9, 75.5, 28, 14}, 23, 43.5, 94, 0, false,
+                            FieldParts::fixed);
+        // 6. Caption.
+        const CGRect caption{43.75, 80.25, 60, 14};
+        roundedRect(kc, caption, 3);
+        colorContrast.set(kc);
+        cairo_set_line_width(kc, 0.5);
+        cairo_stroke(kc);
+        text.drawLine(kc, name, PanelFont::helveticaNeue, 9, caption, TextAlign::center,
+                      colorContrast);
+    });
 
-    // 2. Well.
-    circle(cr, 73.75, 44.25, kWellRadius);
-    colorMain.mixed(UIColor::black(), 0.12).set(cr);
-    cairo_fill_preserve(cr);
-    UIColor::black().set(cr);
-    cairo_set_line_width(cr, 3);
-    cairo_stroke(cr);
-
-    // 4. Value ring: the whole travel faintly, the value in the accent colour.
+    // 4. The value on the ring, in the accent colour, and a lit dot on the face's edge.
     const double a0 = arcAngle(0.0);
     const double a = arcAngle(std::clamp(value, 0.0, 1.0));
     cairo_set_line_cap(cr, CAIRO_LINE_CAP_ROUND);
     cairo_set_line_width(cr, 2.5);
     cairo_new_sub_path(cr);
-    cairo_arc(cr, kKnobCentre.x, kKnobCentre.y, kRingRadius, a0, arcAngle(1.0));
-    colorContrast.withAlpha(0.16).set(cr);
-    cairo_stroke(cr);
-    cairo_new_sub_path(cr);
     cairo_arc(cr, kKnobCentre.x, kKnobCentre.y, kRingRadius, a0, std::max(a, a0 + 1e-3));
     colorEmphasize.set(cr);
     cairo_stroke(cr);
     cairo_set_line_cap(cr, CAIRO_LINE_CAP_BUTT);
-
-    // 3. Face (it never turns: the ring carries the value).
-    drawKnobFace(cr, kKnobCentre.x, kKnobCentre.y, kFaceRadius, large);
-    // The value's end on the ring: a lit dot just inside it.
     const double dx = std::cos(a), dy = std::sin(a);
     circle(cr, kKnobCentre.x + dx * (kFaceRadius - 5.2), kKnobCentre.y + dy * (kFaceRadius - 5.2),
            1.6);
@@ -464,18 +555,9 @@ void TAVSRChorusViewBase::drawKnob(cairo_t* cr, const CGRect& frame, ResizingBeh
         cairo_set_line_width(cr, 1);
         cairo_stroke(cr);
     }
-
-    // 5. Controller field.
+    // 5. The controller number (and the field's frame while it is held).
     drawControllerField(cr, {9, 48, 28, 27.5}, {9, 75.5, 28, 14}, 23, 43.5, 94, controller,
-                        isControllerActive);
-
-    // 6. Caption.
-    const CGRect caption{43.75, 80.25, 60, 14};
-    roundedRect(cr, caption, 3);
-    colorContrast.set(cr);
-    cairo_set_line_width(cr, 0.5);
-    cairo_stroke(cr);
-    text.drawLine(cr, name, PanelFont::helveticaNeue, 9, caption, TextAlign::center, colorContrast);
+                        isControllerActive, FieldParts::live);
 
     // 7. Value, 0..98, on the cap.
     const long shown = std::lround(std::clamp(value, 0.0, 1.0) * 98);

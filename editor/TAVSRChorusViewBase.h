@@ -7,7 +7,10 @@
 
 #include <cairo.h>
 
+#include <functional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "editor/Color.h"
 #include "editor/PanelText.h"
@@ -18,6 +21,11 @@ namespace sr::editor {
 class TAVSRChorusViewBase {
 public:
     using ResizingBehavior = editor::ResizingBehavior;
+
+    TAVSRChorusViewBase() = default;
+    ~TAVSRChorusViewBase();
+    TAVSRChorusViewBase(const TAVSRChorusViewBase&) = delete;
+    TAVSRChorusViewBase& operator=(const TAVSRChorusViewBase&) = delete;
 
     static constexpr CGRect kCanvas{0, 0, 1024, 400};
     // The small and large knob symbols' own frame, and the widths they are drawn at.
@@ -126,20 +134,42 @@ public:
 private:
     void drawBackground(cairo_t* cr);
     void drawSplitBar(cairo_t* cr);
+    void drawPlate(cairo_t* cr);
+    void drawTrack(cairo_t* cr);
+    void drawDisplayGlass(cairo_t* cr);
     void drawDisplay(cairo_t* cr);
     void drawTitles(cairo_t* cr);
     void drawSplitController(cairo_t* cr, const CGRect& box, int number, bool active);
+    // A field's frame, label and arrows stay; its number (and held frame) change.
+    enum class FieldParts { all, fixed, live };
     void drawControllerField(cairo_t* cr, const CGRect& box, const CGRect& labelBox,
-                             double triangleX, double upY, double downY, int number, bool active);
+                             double triangleX, double upY, double downY, int number, bool active,
+                             FieldParts parts);
     void drawKnob(cairo_t* cr, const CGRect& frame, ResizingBehavior resizing,
                   const std::string& name, int controller, double value, bool isAlternate,
                   bool isControllerActive, bool large);
-    void drawKnobFace(cairo_t* cr, double cx, double cy, double radius, bool large);
+    void drawKnobFaceShape(cairo_t* cr, double cx, double cy, double radius, bool large);
     // Runs `draw` around `centre`, 1.2 times larger while `held`.
     template <typename Draw>
     void heldScaled(cairo_t* cr, CGPoint centre, bool held, Draw draw);
 
     PanelText text;
+    // Draws `rect` (user units) with `draw` into an image once per tag, colours, scale and
+    // position within a pixel, and paints that image: for what changes only with those.
+    void paintLayer(cairo_t* cr, const CGRect& rect, const std::string& tag,
+                    const std::function<void(cairo_t*)>& draw);
+    struct LayerKey {
+        std::string tag;
+        UIColor main, contrast, emphasize, grey;
+        double xx, yy, x0, y0;
+        bool operator==(const LayerKey&) const = default;
+    };
+    struct Layer {
+        LayerKey key;
+        cairo_surface_t* surface;
+    };
+    static constexpr std::size_t kLayerCacheSize = 32;
+    std::vector<Layer> layers;
 };
 
 } // namespace sr::editor
