@@ -62,6 +62,8 @@ public:
     std::function<void()> showPresets;
 
 private:
+    // The unit's parameter at an address; null, with a log line, when there is none.
+    AUParameter* parameter(AUParameterAddress address) const;
     void forwardToPanel(AUParameterAddress address, AUValue value);
 
     EditorAudioUnit* audioUnit_ = nullptr;
