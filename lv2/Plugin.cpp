@@ -107,7 +107,7 @@ Plugin* Plugin::create(double sampleRate, const char* bundlePath,
 }
 
 Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
-    : map(urids), sampleRate(rate), events(std::make_unique<RenderEventList<>>()) {
+    : map(urids), sampleRate(rate) {
     if (map) {
         auto id = [this](const char* uri) { return map->map(map->handle, uri); };
         uris.atomSequence = id(LV2_ATOM__Sequence);
@@ -139,8 +139,7 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
             return sendMIDI(time, length, bytes);
         });
     unit->allocateRenderResources();
-    renderBlock = unit->renderBlock();
-    for (auto& channel : scratch) channel.assign(unit->maximumFramesToRender(), 0.0f);
+    cycle.prepare(unit->renderBlock(), unit->maximumFramesToRender());
 
     AUParameterTree* tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
@@ -210,7 +209,7 @@ void Plugin::readPorts() {
         const float value = clampToRange(kParameterTable[i], v);
         // The tree follows the host; the kernel takes the change at the call's first frame.
         parameters[i]->setValueFromImplementor(value);
-        portChanges[portChangeCount++] = {std::uint32_t(i), value};
+        portChanges[portChangeCount++] = {i, value};
         reported[i] = value;
     }
     adoptPorts = false;
@@ -254,68 +253,6 @@ void Plugin::reportEffectiveValues() {
     }
 }
 
-void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {
-    const LV2_Atom_Sequence* input = inputSequence();
-    if (!input) return;
-    LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
-        if (ev->body.type != uris.midiEvent) continue;
-        // Events stamped outside the call act at its nearest end.
-        const std::int64_t last = std::int64_t(runFrames) - 1;
-        const std::int64_t frame = std::clamp<std::int64_t>(ev->time.frames, 0, last);
-        if (frame < offset || frame >= std::int64_t(offset) + frames) continue;
-        const std::uint32_t size = ev->body.size;
-        if (size == 0 || size > 0xFFFF) continue;
-        const auto* bytes = static_cast<const std::uint8_t*>(LV2_ATOM_BODY_CONST(&ev->body));
-        if (!events->addMIDI(AUEventSampleTime(sampleTime) + (frame - offset), 0, bytes,
-                             std::uint16_t(size)))
-            ++midiDropped;
-    }
-}
-
-AUAudioUnitStatus Plugin::renderCall(std::uint32_t offset, std::uint32_t frames) {
-    events->clear();
-    if (offset == 0)
-        for (std::size_t i = 0; i < portChangeCount; ++i)
-            events->addParameter(AUEventSampleTime(sampleTime), portChanges[i].address,
-                                 portChanges[i].value);
-    queueMIDI(offset, frames);
-
-    callOffset = offset;
-    const std::uint32_t bytes = frames * std::uint32_t(sizeof(float));
-    // The kernel works in its output buffers, left and right together; when a host hands both
-    // outputs the same memory, it renders into its own and the right channel is copied last.
-    float* host[2] = {audioOut[0] + offset, audioOut[1] + offset};
-    const bool outputsOverlap = host[0] < host[1] + frames && host[1] < host[0] + frames;
-    AudioBufferList output;
-    output.mNumberBuffers = 2;
-    for (std::uint32_t c = 0; c < 2; ++c)
-        output.mBuffers[c] = {1, bytes, outputsOverlap ? scratch[c].data() : host[c]};
-    // The input is copied into the unit's own storage before anything is written, so the
-    // host may hand the same memory for input and output.
-    auto pullInput = [this, offset, frames](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
-                                            AUAudioFrameCount count, NSInteger,
-                                            AudioBufferList* input) -> AUAudioUnitStatus {
-        if (count > frames || input->mNumberBuffers < 2) return kAudioUnitErr_InvalidParameter;
-        for (std::uint32_t c = 0; c < 2; ++c) {
-            AudioBuffer& buffer = input->mBuffers[c];
-            if (!buffer.mData || buffer.mDataByteSize < count * sizeof(float))
-                return kAudioUnitErr_InvalidParameter;
-            std::memmove(buffer.mData, audioIn[c] + offset, count * sizeof(float));
-            buffer.mDataByteSize = count * std::uint32_t(sizeof(float));
-        }
-        return noErr;
-    };
-    AudioTimeStamp timestamp;
-    timestamp.mSampleTime = sampleTime;
-    AudioUnitRenderActionFlags flags = 0;
-    const AUAudioUnitStatus status =
-        renderBlock(&flags, &timestamp, frames, 0, &output, events->head(), pullInput);
-    if (outputsOverlap && status == noErr)
-        for (std::uint32_t c = 0; c < 2; ++c) std::copy_n(scratch[c].data(), frames, host[c]);
-    sampleTime += frames;
-    return status;
-}
-
 OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes) {
     if (!midiWriter.open) return noErr; // nobody listens: not an error
     const std::uint32_t size = length > 0 ? std::uint32_t(length) : 0;
@@ -324,11 +261,8 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
         ++midiDropped;
         return noErr;
     }
-    const std::int64_t last = runFrames > 0 ? std::int64_t(runFrames) - 1 : 0;
-    const std::int64_t frame =
-        std::clamp<std::int64_t>(callOffset + (time - AUEventSampleTimeImmediate), 0, last);
     LV2_Atom_Forge& forge = midiWriter.forge;
-    lv2_atom_forge_frame_time(&forge, frame);
+    lv2_atom_forge_frame_time(&forge, cycle.outputFrame(time));
     lv2_atom_forge_atom(&forge, size, uris.midiEvent);
     lv2_atom_forge_write(&forge, bytes, size);
     return noErr;
@@ -336,19 +270,19 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
 
 void Plugin::reportDrops() {
     // At most once a second of audio, so a host that starves the output is not flooded.
-    if (midiDropped == midiDroppedReported || sampleTime - lastDropReport < sampleRate) return;
+    const std::uint64_t dropped = midiDropped + cycle.midiDropped();
+    if (dropped == midiDroppedReported || sampleTime - lastDropReport < sampleRate) return;
     LineBuilder<> line;
-    line << kLogPrefix << "WARNING: " << (midiDropped - midiDroppedReported)
+    line << kLogPrefix << "WARNING: " << (dropped - midiDroppedReported)
          << " MIDI events dropped (no room in the call's event list or MIDI output)\n";
     safeprint(line.view());
-    midiDroppedReported = midiDropped;
+    midiDroppedReported = dropped;
     lastDropReport = sampleTime;
 }
 
 void Plugin::run(std::uint32_t frames) {
     // What the last call handed to the main queue (mapped controllers) happens first.
     mainQueue.drain();
-    runFrames = frames;
     midiWriter.begin(map ? midiOut : nullptr);
     notifyWriter.begin(map ? notify : nullptr);
     readRequests();
@@ -360,16 +294,17 @@ void Plugin::run(std::uint32_t frames) {
     reportEffectiveValues();
 
     if (frames > 0 && audio) {
-        const std::uint32_t callFrames = unit->maximumFramesToRender();
-        for (std::uint32_t offset = 0; offset < frames; offset += callFrames) {
-            const AUAudioUnitStatus status =
-                renderCall(offset, std::min(callFrames, frames - offset));
-            if (status != noErr) {
-                // Nothing sensible was rendered: silence rather than stale memory.
-                for (float* out : audioOut) std::fill(out + offset, out + frames, 0.0f);
-                break;
+        auto forEachMidi = [this](auto&& visit) {
+            const LV2_Atom_Sequence* input = inputSequence();
+            if (!input) return;
+            LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
+                if (ev->body.type == uris.midiEvent)
+                    visit(ev->time.frames, LV2_ATOM_BODY_CONST(&ev->body), ev->body.size);
             }
-        }
+        };
+        cycle.render(sampleTime, frames, audioIn, audioOut,
+                     std::span(portChanges.data(), portChangeCount), forEachMidi);
+        sampleTime += frames;
     } else if (frames > 0 && !audioWarned) {
         audioWarned = true;
         log("WARNING: run() without all four audio ports connected renders nothing");

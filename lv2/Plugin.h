@@ -10,7 +10,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <lv2/atom/atom.h>
 #include <lv2/atom/forge.h>
@@ -20,8 +19,8 @@
 
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "lv2/PluginURIs.h"
+#include "platform/HostRenderCycle.h"
 #include "platform/MainQueue.h"
-#include "platform/RenderEventList.h"
 
 namespace sr::lv2 {
 
@@ -64,8 +63,6 @@ private:
     const LV2_Atom_Sequence* inputSequence() const;
     void readRequests();
     void reportEffectiveValues();
-    void queueMIDI(std::uint32_t offset, std::uint32_t frames);
-    AUAudioUnitStatus renderCall(std::uint32_t offset, std::uint32_t frames);
     OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);
     void reportDrops();
 
@@ -75,11 +72,8 @@ private:
 
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
-    AURenderBlock renderBlock;
+    HostRenderCycle cycle;
     std::array<AUParameter*, kParameterCount> parameters{};
-    std::unique_ptr<RenderEventList<>> events;
-    // Where a call renders when the host's two outputs share memory.
-    std::array<std::vector<float>, 2> scratch;
 
     std::array<const float*, kParameterCount> controls{};
     const float* audioIn[2]{};
@@ -100,16 +94,9 @@ private:
     std::array<bool, kParameterCount> reportRequested{};
     bool audioWarned = false;
     // Port changes of the current run(), applied at its first frame.
-    struct PortChange {
-        std::uint32_t address;
-        float value;
-    };
-    std::array<PortChange, kParameterCount> portChanges{};
+    std::array<HostParameterChange, kParameterCount> portChanges{};
     std::size_t portChangeCount = 0;
 
-    // Within one run(): where the current render call starts in the host's buffers.
-    std::uint32_t callOffset = 0;
-    std::uint32_t runFrames = 0;
     double sampleTime = 0.0;
     SequenceWriter midiWriter;
     SequenceWriter notifyWriter;
