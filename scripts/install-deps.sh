@@ -5,7 +5,8 @@ packages=(
     build-essential cmake pkg-config clang-format clang libclang-rt-14-dev
     libsndfile1-dev libsmf-dev libplist-dev libplist-utils python3
     libgtest-dev libgmock-dev libbenchmark-dev
-    lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2
+    lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2 libjack-jackd2-dev
+    desktop-file-utils
 )
 missing=()
 for p in "${packages[@]}"; do
