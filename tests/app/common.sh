@@ -16,15 +16,7 @@ RENDER=${3:?sr-chorus-render}
 SOURCE_DIR=${4:?source tree}
 HERE=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/sr-app-test.XXXXXX")
-CLEANUP=()
-cleanup() {
-    local i
-    for ((i = ${#CLEANUP[@]} - 1; i >= 0; i--)); do eval "${CLEANUP[i]}" || true; done
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
+source "$HERE/../workdir.sh" sr-app-test
 
 export JACK_DEFAULT_SERVER="sr-app-test-$$"
 export XDG_DATA_HOME="$WORK/data"
