@@ -109,7 +109,10 @@ JackClient::JackClient(const std::string& name, int fd) : wakeFd(fd) {
 }
 
 JackClient::~JackClient() {
-    if (client) jack_client_close(client);
+    if (!client) return;
+    // After the server has gone, libjack only repeats that it is not running.
+    if (gone.load(std::memory_order_acquire)) logJackErrors.store(false, std::memory_order_relaxed);
+    jack_client_close(client);
 }
 
 double JackClient::sampleRate() const {
