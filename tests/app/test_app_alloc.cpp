@@ -8,23 +8,18 @@
 #include <dlfcn.h>
 #include <jack/jack.h>
 #include <jack/midiport.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <thread>
 
+#include "JackServer.h"
 #include "alloc_counter.h"
 #include "app/App.h"
 #include "kernel/ParameterTable.h"
-
-extern char** environ;
 
 namespace {
 
@@ -70,42 +65,6 @@ extern "C" int jack_set_process_callback(jack_client_t* client, JackProcessCallb
 
 namespace {
 
-// jackd with the dummy backend, started and stopped by its process id.
-class JackServer {
-public:
-    explicit JackServer(const std::string& name) {
-        const std::string server = "-n" + name;
-        const char* argv[] = {"jackd", server.c_str(), "--no-realtime", "-S",   "-d",
-                              "dummy", "-r48000",      "-p64",          nullptr};
-        if (posix_spawnp(&pid, "jackd", nullptr, nullptr, const_cast<char**>(argv), environ) != 0)
-            pid = -1;
-    }
-    ~JackServer() {
-        if (pid <= 0) return;
-        ::kill(pid, SIGTERM);
-        for (int i = 0; i < 100; ++i) {
-            if (::waitpid(pid, nullptr, WNOHANG) == pid) return;
-            std::this_thread::sleep_for(100ms);
-        }
-        ::kill(pid, SIGKILL);
-        ::waitpid(pid, nullptr, 0);
-    }
-    bool started() const { return pid > 0; }
-
-private:
-    pid_t pid = -1;
-};
-
-jack_client_t* openClient(const char* name) {
-    for (int i = 0; i < 100; ++i) {
-        jack_status_t status{};
-        if (jack_client_t* client = jack_client_open(name, JackNoStartServer, &status))
-            return client;
-        std::this_thread::sleep_for(100ms);
-    }
-    return nullptr;
-}
-
 // Sends three messages every cycle, and system exclusive every tenth.
 struct MidiSender {
     jack_port_t* out = nullptr;
@@ -137,12 +96,11 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
     const std::string server = "sr-app-alloc-" + std::to_string(::getpid());
     const auto documents = std::filesystem::temp_directory_path() / (server + "-data");
     std::filesystem::remove_all(documents);
-    ::setenv("JACK_DEFAULT_SERVER", server.c_str(), 1);
     ::setenv("XDG_DATA_HOME", documents.c_str(), 1);
 
-    JackServer jackd(server);
+    sr::test::JackServer jackd(server, 64);
     ASSERT_TRUE(jackd.started()) << "jackd could not be started (scripts/install-deps.sh)";
-    jack_client_t* midiClient = openClient("sr-alloc-midi");
+    jack_client_t* midiClient = sr::test::JackServer::openClient("sr-alloc-midi");
     ASSERT_NE(midiClient, nullptr) << "the JACK server did not come up";
     MidiSender sender;
     sender.out = jack_port_register(midiClient, "out", JACK_DEFAULT_MIDI_TYPE, JackPortIsOutput, 0);
