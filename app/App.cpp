@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -84,13 +85,22 @@ void log(std::string_view text) {
 }
 
 // Keeps the audio path's memory resident, so a page fault never stalls the audio thread.
+// Called once the audio unit is allocated. Memory mapped later is locked too only where no
+// limit applies: under a finite limit, locking every future mapping would make an allocation
+// fail once the limit is reached.
 void lockMemory() {
 #ifdef SR_SANITIZED
     // A sanitizer's shadow memory is vast and mostly unmapped: locking it is not an option.
     log("memory is not locked in a sanitizer build");
 #else
-    if (::mlockall(MCL_CURRENT | MCL_FUTURE) == 0) {
-        log("memory locked (mlockall)");
+    rlimit limit{};
+    const bool unlimited = ::geteuid() == 0 || (::getrlimit(RLIMIT_MEMLOCK, &limit) == 0 &&
+                                                limit.rlim_cur == RLIM_INFINITY);
+    if (::mlockall(unlimited ? MCL_CURRENT | MCL_FUTURE : MCL_CURRENT) == 0) {
+        log(unlimited ? "memory locked (mlockall)"
+                      : "memory locked (mlockall; memory mapped later is not, under the memlock "
+                        "limit of " +
+                            std::to_string(limit.rlim_cur / 1024) + " KiB)");
         return;
     }
     log(std::string("WARNING: memory could not be locked (mlockall: ") + std::strerror(errno) +
@@ -352,7 +362,6 @@ int App::run() {
         error(e.what());
         return kNoServer;
     }
-    lockMemory();
 
     try {
         unit = std::make_unique<TAV_SR_Chorus_Extension_AudioUnit>(kTAVSRChorusComponentDescription,
@@ -366,6 +375,7 @@ int App::run() {
         error(std::string("the audio unit cannot run: ") + e.what());
         return kFailed;
     }
+    lockMemory();
     // Settings are in place before the first cycle renders.
     restoreState();
     if (!options.presetFile.empty() && !loadStartPreset()) return kFailed;
