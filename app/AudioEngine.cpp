@@ -58,7 +58,14 @@ void AudioEngine::configure(double sampleRate, std::uint32_t periodFrames) {
     unit.allocateRenderResources();
     cycle.prepare(unit.renderBlock(), unit.maximumFramesToRender());
     announcePending = true;
+    configuredRate.store(sampleRate, std::memory_order_relaxed);
+    wrongRate.store(false, std::memory_order_release);
     resume();
+}
+
+void AudioEngine::serverRateChanged(double sampleRate) {
+    if (sampleRate != configuredRate.load(std::memory_order_relaxed))
+        wrongRate.store(true, std::memory_order_release);
 }
 
 void AudioEngine::announce(double sampleTime) {

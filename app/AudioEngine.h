@@ -42,6 +42,9 @@ public:
     void configure(double sampleRate, std::uint32_t periodFrames);
     // From now on the audio thread leaves the unit alone; returns once a cycle in progress ends.
     void stop();
+    // Any thread but the audio thread's: the server now runs at another rate. The unit would
+    // render at the wrong one, so cycles are silent until configure() follows.
+    void serverRateChanged(double sampleRate);
 
     double sampleRate() const { return rate; }
     std::uint32_t periodFrames() const { return period; }
@@ -73,6 +76,8 @@ private:
 
     TAV_SR_Chorus_Extension_AudioUnit& unit;
     std::atomic<int> state{kSuspended};
+    std::atomic<bool> wrongRate{false};
+    std::atomic<double> configuredRate{0.0};
     double rate = 0.0;
     std::uint32_t period = 0;
 
@@ -91,7 +96,8 @@ template <typename ForEachMidi>
 void AudioEngine::process(double sampleTime, std::uint32_t frames, const float* const* input,
                           float* const* output, ForEachMidi&& forEachMidi, MidiOutput& midiOut) {
     int expected = kIdle;
-    if (!state.compare_exchange_strong(expected, kRendering, std::memory_order_acquire,
+    if (wrongRate.load(std::memory_order_acquire) ||
+        !state.compare_exchange_strong(expected, kRendering, std::memory_order_acquire,
                                        std::memory_order_relaxed)) {
         // Being reallocated, or stopped: silence, and MIDI keeps flowing to whoever listens.
         for (std::uint32_t c = 0; c < HostRenderCycle::kChannels; ++c)

@@ -231,6 +231,8 @@ int JackClient::bufferSizeChanged(jack_nframes_t frames, void* arg) {
 int JackClient::sampleRateChanged(jack_nframes_t rate, void* arg) {
     auto* self = static_cast<JackClient*>(arg);
     self->newRate.store(rate, std::memory_order_release);
+    if (AudioEngine* audioEngine = self->engine.load(std::memory_order_acquire))
+        audioEngine->serverRateChanged(double(rate));
     self->wake();
     return 0;
 }

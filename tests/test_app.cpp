@@ -176,6 +176,27 @@ TEST(AppEngine, ReallocatesWhileTheAudioThreadKeepsCalling) {
     EXPECT_EQ(host.midiOut.messages[0].frame, 100u);
 }
 
+TEST(AppEngine, SilentFromTheServersNewRateUntilItIsFollowed) {
+    EngineHost host;
+    host.engine.configure(48000.0, 256);
+    const Stereo in = sr::test::noise(256);
+    Stereo out(256);
+    host.engine.serverRateChanged(48000.0); // the same rate: nothing changes
+    host.cycle(in, out, 0, 256);
+    EXPECT_GT(sr::test::peak(out.left), 0.0f);
+    EXPECT_EQ(host.engine.silentCycles(), 0u);
+
+    host.engine.serverRateChanged(96000.0);
+    host.cycle(in, out, 0, 256);
+    EXPECT_EQ(sr::test::peak(out.left), 0.0f);
+    EXPECT_EQ(host.engine.silentCycles(), 1u);
+
+    host.engine.configure(96000.0, 256);
+    host.cycle(in, out, 0, 256);
+    EXPECT_GT(sr::test::peak(out.left), 0.0f);
+    EXPECT_EQ(host.engine.silentCycles(), 1u);
+}
+
 TEST(AppEngine, RefusesARateTheUnitCannotRenderAndStaysSilent) {
     EngineHost host;
     EXPECT_THROW(host.engine.configure(1.0e9, 256), AUAudioUnitError);
