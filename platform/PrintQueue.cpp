@@ -22,25 +22,41 @@ PrintQueue::~PrintQueue() {
 }
 
 PrintQueue::ChannelId PrintQueue::open(LevelSink channelSink,
+                                       const std::atomic<std::uint64_t>* queued,
                                        const std::atomic<std::uint64_t>* droppedLines) {
     std::lock_guard<std::mutex> lock(sinkMutex);
     const ChannelId id = nextChannel++;
-    channels.push_back({id, std::move(channelSink), droppedLines,
-                        droppedLines ? droppedLines->load(std::memory_order_relaxed) : 0});
+    channels.push_back({id, std::move(channelSink), queued, droppedLines,
+                        queued->load(std::memory_order_relaxed),
+                        droppedLines->load(std::memory_order_relaxed)});
     return id;
+}
+
+PrintQueue::Channel* PrintQueue::find(ChannelId id) {
+    for (Channel& channel : channels)
+        if (channel.id == id) return &channel;
+    return nullptr;
 }
 
 void PrintQueue::close(ChannelId id) {
     using namespace std::chrono_literals;
     // A host log that never returns must not keep its instance from going: after a second the
     // rest is dropped.
-    waitWritten(pushed.load(std::memory_order_acquire), 1000ms);
-    std::lock_guard<std::mutex> lock(sinkMutex);
-    const auto found = std::find_if(channels.begin(), channels.end(),
-                                    [id](const Channel& c) { return c.id == id; });
-    if (found == channels.end()) return;
-    reportDrops(*found);
-    channels.erase(found);
+    const auto deadline = std::chrono::steady_clock::now() + 1000ms;
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(sinkMutex);
+            Channel* channel = find(id);
+            if (!channel) return;
+            const bool done = channel->written >= channel->queued->load(std::memory_order_acquire);
+            if (done || std::chrono::steady_clock::now() >= deadline) {
+                reportDrops(*channel);
+                channels.erase(channels.begin() + (channel - channels.data()));
+                return;
+            }
+        }
+        std::this_thread::sleep_for(1ms);
+    }
 }
 
 bool PrintQueue::push(ChannelId channel, LogLevel level, std::string_view line) {
@@ -65,9 +81,11 @@ bool PrintQueue::popOne() {
 }
 
 void PrintQueue::write(ChannelId id, LogLevel level, std::string_view text) {
-    for (const Channel& channel : channels)
-        if (channel.id == id) return writeTo(channel, level, text);
-    // The channel was closed: its host is gone, and so is the line.
+    // A closed channel's host is gone, and so is the line.
+    Channel* channel = find(id);
+    if (!channel) return;
+    writeTo(*channel, level, text);
+    ++channel->written;
 }
 
 void PrintQueue::writeTo(const Channel& channel, LogLevel level, std::string_view text) {
@@ -82,7 +100,6 @@ void PrintQueue::writeTo(const Channel& channel, LogLevel level, std::string_vie
 }
 
 void PrintQueue::reportDrops(Channel& channel) {
-    if (!channel.dropped) return;
     const std::uint64_t d = channel.dropped->load(std::memory_order_acquire);
     if (d == channel.reported) return;
     writeTo(channel, LogLevel::Warning,
@@ -111,21 +128,11 @@ void PrintQueue::run() {
     }
 }
 
-bool PrintQueue::waitWritten(std::uint64_t target, std::chrono::milliseconds limit) {
-    using namespace std::chrono_literals;
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (written.load(std::memory_order_acquire) < target) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(1ms);
-    }
-    return true;
-}
-
 void PrintQueue::flush() {
     using namespace std::chrono_literals;
     const std::uint64_t target = pushed.load(std::memory_order_acquire);
     const std::uint64_t droppedTarget = dropped.load(std::memory_order_acquire);
-    while (!waitWritten(target, 1000ms) ||
+    while (written.load(std::memory_order_acquire) < target ||
            dropReported.load(std::memory_order_acquire) < droppedTarget)
         std::this_thread::sleep_for(1ms);
     std::lock_guard<std::mutex> lock(sinkMutex);
@@ -151,14 +158,17 @@ PrintQueue& printQueue() {
 LogChannel::LogChannel() : LogChannel(nullptr) {}
 
 LogChannel::LogChannel(Sink sink)
-    : queue(printQueue()), id(queue.open(std::move(sink), &dropped)) {}
+    : queue(printQueue()), id(queue.open(std::move(sink), &queued, &dropped)) {}
 
 LogChannel::~LogChannel() {
     queue.close(id);
 }
 
 void LogChannel::print(LogLevel level, std::string_view line) {
-    if (queue.push(id, level, line)) return;
+    if (queue.push(id, level, line)) {
+        queued.fetch_add(1, std::memory_order_release);
+        return;
+    }
     // The channel's count first: the writer reports it once it sees the queue's.
     dropped.fetch_add(1, std::memory_order_acq_rel);
     queue.countDrop();

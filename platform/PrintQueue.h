@@ -89,9 +89,11 @@ public:
     PrintQueue& operator=(const PrintQueue&) = delete;
 
     // A channel whose lines go to `sink` (called on the queue's thread), or, with no sink, to
-    // standard output (or what setSink() names). `dropped` counts the channel's lines the queue
-    // had no room for; it must outlive the channel. Not real-time safe.
-    ChannelId open(LevelSink sink, const std::atomic<std::uint64_t>* dropped);
+    // standard output (or what setSink() names). The channel's owner counts the lines it
+    // queued and those the queue had no room for; both counters must outlive the channel. Not
+    // real-time safe.
+    ChannelId open(LevelSink sink, const std::atomic<std::uint64_t>* queued,
+                   const std::atomic<std::uint64_t>* dropped);
     // Waits (up to a second) until the channel's lines queued so far are written, then forgets
     // the channel: its sink is never called again, and lines still arriving are dropped.
     void close(ChannelId channel);
@@ -118,16 +120,19 @@ private:
     struct Channel {
         ChannelId id;
         LevelSink sink;
+        const std::atomic<std::uint64_t>* queued;
         const std::atomic<std::uint64_t>* dropped;
+        std::uint64_t written;
         std::uint64_t reported;
     };
+    // With sinkMutex held.
+    Channel* find(ChannelId id);
     bool popOne();
     void run();
     // With sinkMutex held.
     void write(ChannelId channel, LogLevel level, std::string_view text);
     void writeTo(const Channel& channel, LogLevel level, std::string_view text);
     void reportDrops(Channel& channel);
-    bool waitWritten(std::uint64_t target, std::chrono::milliseconds limit);
 
     BoundedMPSCQueue<Line, kSlots> lines;
     std::atomic<std::uint64_t> pushed{0};
@@ -176,6 +181,7 @@ public:
 
 private:
     PrintQueue& queue;
+    std::atomic<std::uint64_t> queued{0};
     std::atomic<std::uint64_t> dropped{0};
     PrintQueue::ChannelId id;
 };
