@@ -2,10 +2,10 @@
 # Ardour as a user meets the plug-in, headless (ardour7-lua, "None (Dummy)" backend): a session
 # finds it with its 29 controls and 10 factory presets, puts it on a stereo track, sets two
 # controls and a controller number, loads a factory preset, plays with Chorus Mix automated (and
-# a controller number under automation too), saves, exports, and loads again (ardour.lua does
-# that and checks what comes back). Here: nothing of the plug-in on Ardour's output while it
-# plays, no warning about it when the session loads, its state in the session, and an export
-# that is not the dry track. Exits 77 (skipped) where the ardour package is not installed.
+# a controller number under automation too), saves, bounces the track through its processing,
+# and loads again (ardour.lua does that and checks what comes back). Here: nothing of the
+# plug-in on Ardour's output while it plays, no warning about it when the session loads, its
+# state in the session, and rendered audio that is not the dry track. Exits 77 (skipped) where the ardour package is not installed.
 source "$(dirname "$0")/common.sh"
 if ! command -v ardour7-lua >/dev/null; then
     echo "SKIP: ardour7-lua is not installed (scripts/install-deps.sh could not install ardour)"
@@ -61,11 +61,12 @@ fi
 
 grep -rqs 'urn:tav:sr-chorus#fullState' "$SESSION/plugins" ||
     fail "the session holds no state of the plug-in"
-source_dir=$(dirname "$(find "$SESSION/interchange" -name 'source%L.wav' | head -n 1)")
-wavtool check "$SESSION/wet.wav" "$source_dir/source%L.wav" "$source_dir/source%R.wav" \
-    --not-silent --differs >export.txt 2>&1 || { cat export.txt >&2; fail "the export is wrong"; }
+files=$(dirname "$(find "$SESSION/interchange" -name 'source%L.wav' | head -n 1)")
+wavtool check "$files/wet%L.wav" "$files/source%L.wav" --not-silent --differs >export.txt 2>&1 &&
+    wavtool check "$files/wet%R.wav" "$files/source%R.wav" --not-silent --differs >>export.txt 2>&1 ||
+    { cat export.txt >&2; fail "the bounce through the plug-in is wrong"; }
 
 echo "ok: Ardour $(grep '^sr: factory presets\|^sr: controls' ardour.out | sed 's/^sr: //' |
     paste -sd ',' | sed 's/,/, /'); $(grep '^sr: reloaded' ardour.out | sed 's/^sr: //' |
     paste -sd ';' | sed 's/;/; /g'); plug-in lines on Ardour's output: $playing while playing," \
-    "$all in all; $(cat export.txt)"
+    "$all in all; bounced: $(paste -sd ';' export.txt)"
