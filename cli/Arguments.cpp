@@ -133,6 +133,7 @@ Options parseArguments(int argc, const char* const* argv) {
                                        : option == "--preset"      ? &options.presetFile
                                        : option == "--save-preset" ? &options.savePreset
                                        : option == "--state-out"   ? &options.stateOut
+                                       : option == "--log"         ? &options.logFile
                                                                    : nullptr) {
             const std::string_view path = reader.valueFor(option, inlineValue);
             if (path.empty()) throw UsageError(std::string(option) + " needs a file");
@@ -158,7 +159,7 @@ std::string usageText() {
         std::to_string(TAV_SR_Chorus_ExtensionDSPKernelAdapter::kDefaultMaximumFramesToRender);
     return "usage: sr-chorus-render IN OUT [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "                        [--midi FILE.mid] [--midi-out FILE.mid]\n"
-           "                        [--save-preset FILE] [--state-out FILE]\n"
+           "                        [--save-preset FILE] [--state-out FILE] [--log FILE]\n"
            "       sr-chorus-render --demo DIR [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "       sr-chorus-render [--preset FILE] [--set ID=VALUE]... --save-preset FILE\n"
            "       sr-chorus-render --list | --help\n"
@@ -179,6 +180,8 @@ std::string usageText() {
            "                  before the --set values; a refused file stops the run\n"
            "  --save-preset FILE  write the settings (preset, then --set) as a preset file\n"
            "  --state-out FILE    write the same settings as the saved state a host keeps\n"
+           "  --log FILE      write the plug-in's own log lines to FILE ('-': standard output);\n"
+           "                  without it they are not kept\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
            "                  and write DIR/demo-dry.wav and DIR/demo-wet.wav\n"
            "  --list          list the parameters with their ranges and defaults\n"

@@ -23,6 +23,7 @@ struct Options {
     std::string presetFile;    // --preset: loaded before the --set values
     std::string savePreset;    // --save-preset: the state after --set, as a preset file
     std::string stateOut;      // --state-out: the same state as the host-facing dictionary
+    std::string logFile;       // --log: where the audio unit's log goes ("-": standard output)
     std::vector<ParameterSetting> settings;
     std::uint32_t blockFrames = 512;
     bool list = false;

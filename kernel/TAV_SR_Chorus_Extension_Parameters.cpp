@@ -22,6 +22,7 @@ TAV_SR_Chorus_Extension_Parameters::TAV_SR_Chorus_Extension_Parameters(
             std::string(g.identifier), std::string(g.name), std::move(children)));
     }
     tree = AUParameterTree::createTreeWithChildren(std::move(groups));
+    tree->log = &adapter.log();
 
     tree->implementorValueObserver = [&adapter](AUParameter* param, AUValue value) {
         adapter.setParameter(param, value);

@@ -6,8 +6,10 @@
 
 #include <lv2/atom/util.h>
 #include <lv2/buf-size/buf-size.h>
+#include <lv2/log/log.h>
 #include <lv2/midi/midi.h>
 #include <lv2/options/options.h>
+#include <lv2/patch/patch.h>
 
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
@@ -17,12 +19,6 @@ namespace sr::lv2 {
 namespace {
 
 constexpr const char* kLogPrefix = "TAV SR Chorus (LV2): ";
-
-void log(std::string_view text) {
-    LineBuilder<> line;
-    line << kLogPrefix << text << "\n";
-    debugprint(line.view());
-}
 
 bool sameBits(float a, float b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
@@ -47,7 +43,22 @@ std::uint32_t maxBlockLength(const LV2_Options_Option* options, LV2_URID_Map* ma
     return 0;
 }
 
-// A notify event: the event header, an object body and two properties of 32-bit scalars.
+// The host's log, when it offers one (and URIDs to name the levels with); standard output
+// otherwise. Called on the print queue's thread, which the log extension allows.
+LogChannel::Sink hostLog(const LV2_Log_Log* log, LV2_URID_Map* map) {
+    if (!log || !log->printf || !map) return nullptr;
+    const std::array<LV2_URID, 4> types{
+        map->map(map->handle, LV2_LOG__Trace), map->map(map->handle, LV2_LOG__Note),
+        map->map(map->handle, LV2_LOG__Warning), map->map(map->handle, LV2_LOG__Error)};
+    return [log, types](LogLevel level, std::string_view text) {
+        const bool ended = !text.empty() && text.back() == '\n';
+        log->printf(log->handle, types[std::size_t(level)], ended ? "%.*s" : "%.*s\n",
+                    int(text.size()), text.data());
+    };
+}
+
+// A notify event: the event header, an object body and two properties of 32-bit scalars (the
+// patch:Set's property URID and its value).
 constexpr std::uint32_t kNotifyEventBytes = sizeof(LV2_Atom_Event) + sizeof(LV2_Atom_Object_Body) +
                                             2 * (sizeof(LV2_Atom_Property_Body) + 8);
 
@@ -77,18 +88,25 @@ void Plugin::SequenceWriter::end() {
 
 Plugin* Plugin::create(double sampleRate, const char* bundlePath,
                        const LV2_Feature* const* features) {
+    auto* map = static_cast<LV2_URID_Map*>(const_cast<void*>(findFeature(features, LV2_URID__map)));
+    const auto* options =
+        static_cast<const LV2_Options_Option*>(findFeature(features, LV2_OPTIONS__options));
+    const LogChannel::Sink sink =
+        hostLog(static_cast<const LV2_Log_Log*>(findFeature(features, LV2_LOG__log)), map);
+    // Refusals before there is an instance go to the host's log all the same.
+    const auto refuse = [&sink](std::string_view text) {
+        LogChannel channel(sink);
+        channel.debugprint(text);
+    };
     if (!(sampleRate >= kMinSampleRate && sampleRate <= kMaxSampleRate)) {
         LineBuilder<> line;
         line << kLogPrefix << "ERROR: a sample rate of ";
         line.fixed(sampleRate) << " Hz is outside 8000 to 384000 Hz; not instantiated\n";
-        debugprint(line.view());
+        refuse(line.view());
         return nullptr;
     }
-    auto* map = static_cast<LV2_URID_Map*>(const_cast<void*>(findFeature(features, LV2_URID__map)));
-    const auto* options =
-        static_cast<const LV2_Options_Option*>(findFeature(features, LV2_OPTIONS__options));
     try {
-        auto* plugin = new Plugin(sampleRate, map, maxBlockLength(options, map));
+        auto* plugin = new Plugin(sampleRate, map, maxBlockLength(options, map), sink);
         if (bundlePath) {
             std::string folder = bundlePath;
             if (!folder.empty() && folder.back() != '/') folder += '/';
@@ -99,25 +117,29 @@ Plugin* Plugin::create(double sampleRate, const char* bundlePath,
         LineBuilder<> line;
         line << kLogPrefix << "ERROR: the audio unit cannot render (" << std::int32_t(error.code)
              << "); not instantiated\n";
-        debugprint(line.view());
+        refuse(line.view());
     } catch (const std::exception& error) {
-        log(std::string("ERROR: not instantiated: ") + error.what());
+        refuse(std::string(kLogPrefix) + "ERROR: not instantiated: " + error.what() + "\n");
     }
     return nullptr;
 }
 
-Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
-    : map(urids), sampleRate(rate) {
+Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
+               LogChannel::Sink logSink)
+    : map(urids), sampleRate(rate), logChannel(std::move(logSink)), mainQueue(logChannel) {
     if (map) {
         auto id = [this](const char* uri) { return map->map(map->handle, uri); };
         uris.atomSequence = id(LV2_ATOM__Sequence);
         uris.atomObject = id(LV2_ATOM__Object);
         uris.atomString = id(LV2_ATOM__String);
         uris.midiEvent = id(LV2_MIDI__MidiEvent);
-        uris.parameterValue = id(kParameterValueURI);
-        uris.address = id(kAddressURI);
-        uris.value = id(kValueURI);
-        uris.requestValues = id(kRequestValuesURI);
+        uris.atomURID = id(LV2_ATOM__URID);
+        uris.patchSet = id(LV2_PATCH__Set);
+        uris.patchGet = id(LV2_PATCH__Get);
+        uris.patchProperty = id(LV2_PATCH__property);
+        uris.patchValue = id(LV2_PATCH__value);
+        for (const ParameterInfo& p : kParameterTable)
+            uris.parameters[p.address] = id(parameterPropertyURI(p.identifier).c_str());
         uris.fullState = id(kFullStateURI);
         auto* mutableMap = const_cast<LV2_URID_Map*>(map);
         lv2_atom_forge_init(&midiWriter.forge, mutableMap);
@@ -125,7 +147,9 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
     }
 
     unit = std::make_unique<TAV_SR_Chorus_Extension_AudioUnit>(kTAVSRChorusComponentDescription,
-                                                               mainQueue);
+                                                               mainQueue, logChannel);
+    // LV2 hosts have no such blocks: that they are missing is no news to anyone.
+    unit->setHostBlocksReportedAsTrace(true);
     const AVAudioFormat format = AVAudioFormat::standardFormatWithSampleRate(sampleRate, 2);
     if (unit->outputBusses()[0].setFormat(format) != noErr ||
         unit->inputBusses()[0].setFormat(format) != noErr)
@@ -203,7 +227,7 @@ void Plugin::readPorts() {
             LineBuilder<> line;
             line << kLogPrefix << "WARNING: a non-finite value on port '"
                  << kParameterTable[i].identifier << "' is ignored\n";
-            safeprint(line.view());
+            logChannel.safeprint(line.view());
             continue;
         }
         const float value = clampToRange(kParameterTable[i], v);
@@ -223,11 +247,22 @@ void Plugin::readRequests() {
     const LV2_Atom_Sequence* input = inputSequence();
     if (!input) return;
     LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
-        if (ev->body.type != uris.atomObject) continue;
+        if (ev->body.type != uris.atomObject || ev->body.size < sizeof(LV2_Atom_Object_Body))
+            continue;
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
-        if (object->atom.size >= sizeof(LV2_Atom_Object_Body) &&
-            object->body.otype == uris.requestValues)
+        if (object->body.otype != uris.patchGet) continue;
+        const LV2_Atom* property = nullptr;
+        lv2_atom_object_get(object, uris.patchProperty, &property, 0);
+        if (!property) {
             reportRequested.fill(true);
+            continue;
+        }
+        // One value, when the property is one of ours; anything else is not ours to answer.
+        if (property->type != uris.atomURID || property->size < sizeof(LV2_URID)) continue;
+        const LV2_URID key = reinterpret_cast<const LV2_Atom_URID*>(property)->body;
+        const auto found = std::find(uris.parameters.begin(), uris.parameters.end(), key);
+        if (found != uris.parameters.end())
+            reportRequested[std::size_t(found - uris.parameters.begin())] = true;
     }
 }
 
@@ -241,10 +276,10 @@ void Plugin::reportEffectiveValues() {
             LV2_Atom_Forge& forge = notifyWriter.forge;
             LV2_Atom_Forge_Frame object;
             lv2_atom_forge_frame_time(&forge, 0);
-            lv2_atom_forge_object(&forge, &object, 0, uris.parameterValue);
-            lv2_atom_forge_key(&forge, uris.address);
-            lv2_atom_forge_int(&forge, std::int32_t(i));
-            lv2_atom_forge_key(&forge, uris.value);
+            lv2_atom_forge_object(&forge, &object, 0, uris.patchSet);
+            lv2_atom_forge_key(&forge, uris.patchProperty);
+            lv2_atom_forge_urid(&forge, uris.parameters[i]);
+            lv2_atom_forge_key(&forge, uris.patchValue);
             lv2_atom_forge_float(&forge, value);
             lv2_atom_forge_pop(&forge, &object);
         }
@@ -275,7 +310,7 @@ void Plugin::reportDrops() {
     LineBuilder<> line;
     line << kLogPrefix << "WARNING: " << (dropped - midiDroppedReported)
          << " MIDI events dropped (no room in the call's event list or MIDI output)\n";
-    safeprint(line.view());
+    logChannel.safeprint(line.view());
     midiDroppedReported = dropped;
     lastDropReport = sampleTime;
 }
@@ -312,6 +347,12 @@ void Plugin::run(std::uint32_t frames) {
     reportDrops();
     midiWriter.end();
     notifyWriter.end();
+}
+
+void Plugin::log(std::string_view text) {
+    LineBuilder<> line;
+    line << kLogPrefix << text << "\n";
+    logChannel.debugprint(line.view());
 }
 
 // ---- state ---------------------------------------------------------------------------------
@@ -387,24 +428,24 @@ void cleanup(LV2_Handle handle) {
 
 // No exception leaves the plug-in: a state call that fails says so and reports an error.
 template <typename Call>
-LV2_State_Status guarded(const char* failure, Call call) {
+LV2_State_Status guarded(LV2_Handle handle, const char* failure, Call call) {
     try {
         return call();
     } catch (...) {
-        log(failure);
+        self(handle)->log(failure);
         return LV2_STATE_ERR_UNKNOWN;
     }
 }
 
 LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store,
                            LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
-    return guarded("ERROR: the state could not be saved",
+    return guarded(handle, "ERROR: the state could not be saved",
                    [&] { return self(handle)->save(store, state); });
 }
 
 LV2_State_Status restoreState(LV2_Handle handle, LV2_State_Retrieve_Function retrieve,
                               LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
-    return guarded("ERROR: the state could not be restored",
+    return guarded(handle, "ERROR: the state could not be restored",
                    [&] { return self(handle)->restore(retrieve, state); });
 }
 

@@ -21,6 +21,7 @@
 #include "lv2/PluginURIs.h"
 #include "platform/HostRenderCycle.h"
 #include "platform/MainQueue.h"
+#include "platform/PrintQueue.h"
 
 namespace sr::lv2 {
 
@@ -38,13 +39,19 @@ public:
     LV2_State_Status save(LV2_State_Store_Function store, LV2_State_Handle handle);
     LV2_State_Status restore(LV2_State_Retrieve_Function retrieve, LV2_State_Handle handle);
 
+    // A line of the wrapper's own (prefixed with its name) on the instance's log.
+    void log(std::string_view text);
+
     static constexpr double kMinSampleRate = 8000.0;
     static constexpr double kMaxSampleRate = 384000.0;
 
 private:
     struct URIDs {
         LV2_URID atomSequence = 0, atomObject = 0, atomString = 0, midiEvent = 0;
-        LV2_URID parameterValue = 0, address = 0, value = 0, requestValues = 0, fullState = 0;
+        LV2_URID atomURID = 0, patchSet = 0, patchGet = 0, patchProperty = 0, patchValue = 0;
+        LV2_URID fullState = 0;
+        // Each parameter's patch:property, by address.
+        std::array<LV2_URID, kParameterCount> parameters{};
     };
     // A host's atom output for one run(): written as a sequence, never past its capacity.
     struct SequenceWriter {
@@ -56,7 +63,8 @@ private:
         void end();
     };
 
-    Plugin(double sampleRate, const LV2_URID_Map* map, std::uint32_t maxBlock);
+    Plugin(double sampleRate, const LV2_URID_Map* map, std::uint32_t maxBlock,
+           LogChannel::Sink logSink);
 
     void readPorts();
     // The MIDI input when it holds a sequence this plug-in can read; null otherwise.
@@ -70,6 +78,8 @@ private:
     URIDs uris;
     double sampleRate;
 
+    // Before everything that logs on it, so that it goes last.
+    LogChannel logChannel;
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
     HostRenderCycle cycle;

@@ -2,7 +2,8 @@
 """Writes test WAV files and checks what a host made of them.
 
 make PATH RATE FORMAT SECONDS AMP     stereo test signal; FORMAT pcm16 or float
-check OUT IN [options]                OUT has IN's rate, channels and length, plus:
+check OUT IN [IN_RIGHT] [options]     OUT has IN's rate, channels and length (IN and IN_RIGHT: a
+                                      stereo input as two mono files), plus:
   --not-silent        OUT's RMS is at least a tenth of IN's
   --differs           some sample differs from IN by more than 1 % of full scale
   --equal-lsb N       every sample equals IN's within N steps of a 16-bit file
@@ -95,9 +96,23 @@ def rms(xs):
     return math.sqrt(sum(v * v for v in xs) / max(1, len(xs)))
 
 
+def read_input(left, right):
+    """The input as one file, or as a stereo pair of mono files."""
+    rate, ch, is_float, xs = read(left)
+    if right is None:
+        return rate, ch, is_float, xs
+    r_rate, r_ch, _, ys = read(right)
+    if (r_rate, r_ch, ch) != (rate, 1, 1) or len(xs) != len(ys):
+        raise SystemExit(f"{left}, {right}: not two mono files of one rate and length")
+    pair = [0.0] * (2 * len(xs))
+    pair[0::2] = xs
+    pair[1::2] = ys
+    return rate, 2, is_float, pair
+
+
 def check(args):
     rate, ch, is_float, out = read(args.out)
-    in_rate, in_ch, _, ref = read(args.ref)
+    in_rate, in_ch, _, ref = read_input(args.ref, args.ref_right)
     problems = []
     if (rate, ch) != (in_rate, in_ch):
         problems.append(f"format {rate} Hz/{ch} ch, input {in_rate} Hz/{in_ch} ch")
@@ -183,6 +198,7 @@ def main():
     c = sub.add_parser("check")
     c.add_argument("out")
     c.add_argument("ref")
+    c.add_argument("ref_right", nargs="?")
     c.add_argument("--not-silent", action="store_true")
     c.add_argument("--differs", action="store_true")
     c.add_argument("--equal-lsb", type=float)
