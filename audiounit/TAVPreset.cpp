@@ -96,10 +96,6 @@ Reason checkGroup(const PropertyList& group, const std::string& where) {
     return {};
 }
 
-void log(const std::string& text) {
-    sr::debugprint(text + "\n");
-}
-
 } // namespace
 
 NSInteger findNumber(const std::string& text) {
@@ -206,7 +202,8 @@ std::optional<std::string> PresetPatch::validate(const PropertyList& dict) {
 
 bool PresetPatch::fromDictionary(const PropertyList& dict) {
     if (auto reason = validate(dict)) {
-        log("PresetPatch::fromDictionary() : ERROR: The preset is refused: " + *reason + ".");
+        parent->log("PresetPatch::fromDictionary() : ERROR: The preset is refused: " + *reason +
+                    ".");
         return false;
     }
     for (const PropertyList::Entry& e : *dict.dictionary()) {
@@ -243,14 +240,14 @@ bool PresetPatch::fromDictionary(const PropertyList& dict) {
 bool PresetPatch::saveToFile(const std::string& path) const {
     const std::optional<std::string> xml = toDictionary().toXML();
     if (!xml) {
-        log("TAVPreset::loadFromFile() : ERROR: Could not serialize.");
+        parent->log("TAVPreset::loadFromFile() : ERROR: Could not serialize.");
         return false;
     }
     try {
         sr::writeFileAtomically(path, *xml);
     } catch (const sr::FileError& error) {
-        log("TAVPreset::loadFromFile() : ERROR: Could not save the file '" + path + "'. (" +
-            error.what());
+        parent->log("TAVPreset::loadFromFile() : ERROR: Could not save the file '" + path + "'. (" +
+                    error.what());
         return false;
     }
     return true;
@@ -259,19 +256,19 @@ bool PresetPatch::saveToFile(const std::string& path) const {
 bool PresetPatch::loadFromFile(const std::string& path) {
     std::error_code ec;
     if (!std::filesystem::exists(path, ec)) {
-        log("TAVPreset::loadFromFile() : ERROR: The path " + path + " does not exist.");
+        parent->log("TAVPreset::loadFromFile() : ERROR: The path " + path + " does not exist.");
         return false;
     }
     const sr::LimitedRead file = sr::readFileLimited(path, PropertyList::kMaxBytes);
     if (!file.bytes) {
-        log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
+        parent->log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
         return false;
     }
     // A file larger than a property list may be is refused by the parser, by its size.
     const sr::PropertyListParse parsed = PropertyList::parse(*file.bytes);
     if (!parsed.value) {
-        log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
-            ", Format: " + parsed.format + ", " + parsed.error);
+        parent->log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
+                    ", Format: " + parsed.format + ", " + parsed.error);
         return false;
     }
     return fromDictionary(*parsed.value);
@@ -279,7 +276,12 @@ bool PresetPatch::loadFromFile(const std::string& path) {
 
 // ---- TAVPreset ---------------------------------------------------------------------------------
 
-TAVPreset::TAVPreset() : patch(std::make_unique<PresetPatch>(this)) {}
+TAVPreset::TAVPreset(sr::LogChannel& channel)
+    : patch(std::make_unique<PresetPatch>(this)), logChannel(&channel) {}
+
+void TAVPreset::log(const std::string& text) const {
+    logChannel->debugprint(text + "\n");
+}
 
 void TAVPreset::setDescription(const AudioComponentDescription& description, NSInteger version,
                                const std::string& name) {

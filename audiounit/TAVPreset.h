@@ -16,6 +16,7 @@
 
 #include "platform/AUParameterTree.h"
 #include "platform/AudioComponent.h"
+#include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
 
 class TAVPreset;
@@ -83,7 +84,8 @@ public:
 
 class TAVPreset {
 public:
-    TAVPreset();
+    // File and format problems are logged on the channel, which must outlive this object.
+    explicit TAVPreset(sr::LogChannel& log = sr::standardLog());
     TAVPreset(const TAVPreset&) = delete;
     TAVPreset& operator=(const TAVPreset&) = delete;
 
@@ -108,4 +110,9 @@ public:
                         float value) const;
     // Tells the delegate every parameter the patch holds, in its order.
     void reportParameters() const;
+
+    void log(const std::string& text) const;
+
+private:
+    sr::LogChannel* logChannel;
 };

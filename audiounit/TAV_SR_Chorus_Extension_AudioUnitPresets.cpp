@@ -19,10 +19,6 @@ constexpr const char* kPresetsFolder = "Presets/";
 constexpr const char* kFactoryFolder = "Presets/Factory/";
 constexpr const char* kUserFolder = "Presets/User/";
 
-void log(const std::string& text) {
-    sr::debugprint(text + "\n");
-}
-
 bool isPresetFile(const fs::path& path) {
     std::string extension = path.extension().string();
     std::transform(extension.begin(), extension.end(), extension.begin(),
@@ -57,7 +53,7 @@ std::string TAV_SR_Chorus_Extension_AudioUnit::presetPath(const std::string& fol
 // ---- state -------------------------------------------------------------------------------------
 
 std::optional<PropertyList> TAV_SR_Chorus_Extension_AudioUnit::fullState() {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.setDescription(componentDescription(), kStateVersion, kStateName);
     if (AUParameterTree* tree = parameterTree()) preset.makeFrom(*tree);
     _fullState = preset.getDictionary();
@@ -69,7 +65,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<Propert
     _fullState = state;
     // Read without a delegate, so that nothing of a state reaches the parameters before it is
     // known to be whole and of this component.
-    TAVPreset preset;
+    TAVPreset preset(log_);
     if (!preset.makeFrom(state)) {
         _fullState = std::move(old);
         return false;
@@ -203,7 +199,7 @@ PropertyList TAV_SR_Chorus_Extension_AudioUnit::presetState(const AUAudioUnitPre
         throw AUAudioUnitError(kAudioUnitErr_InvalidFile,
                                "no preset file for '" + preset.name + "'");
     }
-    TAVPreset loaded;
+    TAVPreset loaded(log_);
     loaded.load(path);
     return loaded.getDictionary();
 }
@@ -226,7 +222,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::savePreset(const std::string& filename) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::savePresetFile(const std::string& path) {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.makeFrom(fullState());
     return preset.save(path);
 }
@@ -243,7 +239,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::loadPreset(const std::string& filename) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile(const std::string& path) {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.load(path);
     if (!preset.checkDescription(componentDescription(), kStateVersion)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile() : ERROR: The component "

@@ -153,6 +153,7 @@ Options parseArguments(int argc, const char* const* argv) {
                                        : option == "--save-preset" ? &options.savePreset
                                        : option == "--state-out"   ? &options.stateOut
                                        : option == "--panel"       ? &options.panelFile
+                                       : option == "--log"         ? &options.logFile
                                                                    : nullptr) {
             const std::string_view path = reader.valueFor(option, inlineValue);
             if (path.empty()) throw UsageError(std::string(option) + " needs a file");
@@ -187,7 +188,7 @@ std::string usageText() {
         std::to_string(TAV_SR_Chorus_ExtensionDSPKernelAdapter::kDefaultMaximumFramesToRender);
     return "usage: sr-chorus-render IN OUT [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "                        [--midi FILE.mid] [--midi-out FILE.mid]\n"
-           "                        [--save-preset FILE] [--state-out FILE]\n"
+           "                        [--save-preset FILE] [--state-out FILE] [--log FILE]\n"
            "                        [--panel FILE.png [--panel-size WxH] [--page main|lfo]]\n"
            "       sr-chorus-render --demo DIR [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "       sr-chorus-render [--preset FILE] [--set ID=VALUE]... --save-preset FILE\n"
@@ -214,6 +215,8 @@ std::string usageText() {
            "  --panel-size WxH  the image's size in pixels (default 1024x400); the panel\n"
            "                  keeps its proportions, centred\n"
            "  --page main|lfo which page of knobs the panel shows (default main)\n"
+           "  --log FILE      write the plug-in's own log lines to FILE ('-': standard output);\n"
+           "                  without it they are not kept\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
            "                  and write DIR/demo-dry.wav, DIR/demo-wet.wav and DIR/panel.png\n"
            "  --list          list the parameters with their ranges and defaults\n"
