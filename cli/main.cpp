@@ -79,11 +79,11 @@ PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options, Rend
 
 // The editor panel as a host would show it for the unit's current settings.
 void writePanel(const std::string& path, const Options& options,
-                TAV_SR_Chorus_Extension_AudioUnit& unit) {
+                TAV_SR_Chorus_Extension_AudioUnit& unit, RenderLog& log) {
     float values[kParameterCount];
     for (std::size_t a = 0; a < kParameterCount; ++a)
         values[a] = unit.parameterTree()->parameterWithAddress(a)->value();
-    editor::PanelSnapshot snapshot(values);
+    editor::PanelSnapshot snapshot(values, &log.channel());
     snapshot.controller().pluginView.baseClass.isMainVisible = !options.panelLFOPage;
     editor::writePanelPNG(snapshot.controller(), path, options.panelWidth, options.panelHeight);
 }
@@ -110,7 +110,8 @@ int writeStateOnly(const Options& options, RenderLog& log) {
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              {}, log.channel());
     writeStateFiles(options, prepareUnit(renderer, options, log), log);
-    if (!options.panelFile.empty()) writePanel(options.panelFile, options, renderer.audioUnit());
+    if (!options.panelFile.empty())
+        writePanel(options.panelFile, options, renderer.audioUnit(), log);
     return 0;
 }
 
@@ -150,7 +151,8 @@ int renderFile(const Options& options, RenderLog& log) {
     OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
                              midiInput(options, input.sampleRate()), log.channel());
     const PropertyList state = prepareUnit(renderer, options, log);
-    if (!options.panelFile.empty()) writePanel(options.panelFile, options, renderer.audioUnit());
+    if (!options.panelFile.empty())
+        writePanel(options.panelFile, options, renderer.audioUnit(), log);
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
     const std::size_t chunk = chunkFrames(options.blockFrames);
@@ -191,7 +193,7 @@ std::vector<float> renderDemo(const Options& options, const DemoSignal& dry,
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              midiInput(options, DemoSignal::kSampleRate), log.channel());
     const PropertyList state = prepareUnit(renderer, options, log);
-    writePanel(panelPath, options, renderer.audioUnit());
+    writePanel(panelPath, options, renderer.audioUnit(), log);
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
     for (std::size_t frame = 0; frame < dry.frames(); frame += chunk) {
