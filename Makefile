@@ -7,7 +7,8 @@ VALIDATE = $(BUILD)/validate/sr-chorus-validate --fuzz-replay build-fuzz/fuzz/sr
 	--crashers fuzz/crashers --tsan-stress build-tsan/validate/tsan/sr-tsan-stress \
 	--log $(BUILD)/validate.log $(BUILD)/lv2/tav-sr-chorus.lv2
 
-.PHONY: all deps configure build test validate demo bench bench-lv2 format clean install-user
+.PHONY: all deps configure build test validate demo bench bench-lv2 format clean install-user \
+	docs-panel
 
 all: build
 
@@ -30,6 +31,14 @@ validate: build sanitizer-builds
 
 demo: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
+
+# The README's pictures of the editor panel, both pages, with a factory preset loaded.
+DOCS_PRESET = presets/Vocal Shimmer.aupreset
+docs-panel: build
+	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel.png >/dev/null
+	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel-lfo.png \
+		--page lfo >/dev/null
+	@echo "docs/panel.png docs/panel-lfo.png"
 
 bench: build
 	@$(BUILD)/bench/sr-chorus-bench

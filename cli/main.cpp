@@ -18,6 +18,7 @@
 #include "cli/ProgressBar.h"
 #include "cli/RenderLog.h"
 #include "cli/SoundFiles.h"
+#include "editor/PanelImage.h"
 #include "platform/AtomicFile.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
@@ -76,6 +77,17 @@ PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options, Rend
     return unit.fullState().value_or(PropertyList{});
 }
 
+// The editor panel as a host would show it for the unit's current settings.
+void writePanel(const std::string& path, const Options& options,
+                TAV_SR_Chorus_Extension_AudioUnit& unit, RenderLog& log) {
+    float values[kParameterCount];
+    for (std::size_t a = 0; a < kParameterCount; ++a)
+        values[a] = unit.parameterTree()->parameterWithAddress(a)->value();
+    editor::PanelSnapshot snapshot(values, &log.channel());
+    snapshot.controller().pluginView.baseClass.isMainVisible = !options.panelLFOPage;
+    editor::writePanelPNG(snapshot.controller(), path, options.panelWidth, options.panelHeight);
+}
+
 void writeStateFiles(const Options& options, const PropertyList& state, RenderLog& log) {
     if (!options.savePreset.empty()) {
         const std::size_t errorsBefore = log.errorCount();
@@ -98,6 +110,8 @@ int writeStateOnly(const Options& options, RenderLog& log) {
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              {}, log.channel());
     writeStateFiles(options, prepareUnit(renderer, options, log), log);
+    if (!options.panelFile.empty())
+        writePanel(options.panelFile, options, renderer.audioUnit(), log);
     return 0;
 }
 
@@ -137,6 +151,8 @@ int renderFile(const Options& options, RenderLog& log) {
     OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
                              midiInput(options, input.sampleRate()), log.channel());
     const PropertyList state = prepareUnit(renderer, options, log);
+    if (!options.panelFile.empty())
+        writePanel(options.panelFile, options, renderer.audioUnit(), log);
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
     const std::size_t chunk = chunkFrames(options.blockFrames);
@@ -171,11 +187,13 @@ double peakDbfs(const std::vector<float>& samples) {
 }
 
 // The demo through the plug-in; the audio unit is gone (and has logged its last line) on return.
-std::vector<float> renderDemo(const Options& options, const DemoSignal& dry, RenderLog& log) {
+std::vector<float> renderDemo(const Options& options, const DemoSignal& dry,
+                              const std::string& panelPath, RenderLog& log) {
     std::vector<float> wet(dry.samples.size());
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              midiInput(options, DemoSignal::kSampleRate), log.channel());
     const PropertyList state = prepareUnit(renderer, options, log);
+    writePanel(panelPath, options, renderer.audioUnit(), log);
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
     for (std::size_t frame = 0; frame < dry.frames(); frame += chunk) {
@@ -199,7 +217,9 @@ int runDemo(const Options& options, RenderLog& log) {
     if (error) throw Error("cannot create '" + directory.string() + "': " + error.message());
 
     const DemoSignal dry = makeDemoSignal();
-    const std::vector<float> wet = renderDemo(options, dry, log);
+    const std::string panelPath =
+        options.panelFile.empty() ? (directory / "panel.png").string() : options.panelFile;
+    const std::vector<float> wet = renderDemo(options, dry, panelPath, log);
     const std::string dryPath = (directory / "demo-dry.wav").string();
     const std::string wetPath = (directory / "demo-wet.wav").string();
     writeWholeFile(dryPath, dry.samples);
@@ -212,6 +232,8 @@ int runDemo(const Options& options, RenderLog& log) {
     std::printf("  %-40s peak %6.1f dBFS  (input)\n", dryPath.c_str(), peakDbfs(dry.samples));
     std::printf("  %-40s peak %6.1f dBFS  (%s)\n", wetPath.c_str(), peakDbfs(wet),
                 options.settings.empty() ? "default settings" : "with the --set values");
+    std::printf("  %-40s the editor panel, %d x %d\n", panelPath.c_str(), options.panelWidth,
+                options.panelHeight);
     return 0;
 }
 

@@ -42,6 +42,7 @@ constexpr const char* kPrefixes = R"(@prefix atom: <http://lv2plug.in/ns/ext/ato
 @prefix rdfs: <http://www.w3.org/2000/01/rdf-schema#> .
 @prefix rsz: <http://lv2plug.in/ns/ext/resize-port#> .
 @prefix state: <http://lv2plug.in/ns/ext/state#> .
+@prefix ui: <http://lv2plug.in/ns/extensions/ui#> .
 @prefix urid: <http://lv2plug.in/ns/ext/urid#> .
 
 )";
@@ -173,6 +174,20 @@ std::string atomPort(std::uint32_t index, bool input, const char* symbol, const 
     return ttl.str();
 }
 
+// The editor: an X11 window the host embeds (or shows on its own), driven by the host's idle
+// calls; it follows the notify port and writes the control ports.
+std::string uiTTL() {
+    std::ostringstream ttl;
+    ttl << "<" << kUIURI << ">\n    a ui:X11UI ;\n"
+        << "    lv2:requiredFeature ui:idleInterface ;\n"
+        << "    lv2:optionalFeature ui:parent , ui:touch , urid:map , opts:options , log:log ;\n"
+        << "    lv2:extensionData ui:idleInterface ;\n"
+        << "    opts:supportedOption ui:scaleFactor ;\n"
+        << "    ui:portNotification [\n        ui:plugin <" << kPluginURI << "> ;\n"
+        << "        lv2:symbol \"notify\" ;\n        ui:notifyType atom:Object\n    ] .\n";
+    return ttl.str();
+}
+
 std::string pluginTTL(int minor, int micro) {
     std::ostringstream ttl;
     const std::string uri = std::string("<") + kPluginURI + ">";
@@ -199,6 +214,7 @@ std::string pluginTTL(int minor, int micro) {
         << "    opts:supportedOption param:sampleRate , bufsz:maxBlockLength , "
            "bufsz:nominalBlockLength ;\n"
         << "    lv2:extensionData state:interface ;\n"
+        << "    ui:ui <" << kUIURI << "> ;\n"
         << "    pg:mainInput <" << kPluginURI << "#in> ;\n"
         << "    pg:mainOutput <" << kPluginURI << "#out> ;\n"
         << "    lv2:port ";
@@ -218,7 +234,8 @@ std::string pluginTTL(int minor, int micro) {
     ports.push_back(
         atomPort(kNotify, false, "notify", "Notify", false, true, false, kNotifyMinimumSize));
     for (std::size_t i = 0; i < ports.size(); ++i) ttl << (i ? " , " : "") << ports[i];
-    ttl << " .\n";
+    ttl << " .\n\n";
+    ttl << uiTTL();
     return ttl.str();
 }
 
@@ -245,6 +262,9 @@ std::string manifestTTL(const std::vector<FactoryPreset>& presets) {
     ttl << kPrefixes;
     ttl << "<" << kPluginURI << ">\n    a lv2:Plugin ;\n"
         << "    lv2:binary <" << kBinaryName << "> ;\n"
+        << "    rdfs:seeAlso <tav-sr-chorus.ttl> .\n";
+    ttl << "\n<" << kUIURI << ">\n    a ui:X11UI ;\n"
+        << "    ui:binary <" << kUIBinaryName << "> ;\n"
         << "    rdfs:seeAlso <tav-sr-chorus.ttl> .\n";
     for (const FactoryPreset& preset : presets)
         ttl << "\n<" << kPresetURIPrefix << preset.slug << ">\n    a pset:Preset ;\n"

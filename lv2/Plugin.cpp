@@ -11,6 +11,7 @@
 #include <lv2/options/options.h>
 #include <lv2/patch/patch.h>
 
+#include "lv2/Features.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
 
@@ -24,12 +25,6 @@ bool sameBits(float a, float b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
 
-const void* findFeature(const LV2_Feature* const* features, const char* uri) {
-    for (; features && *features; ++features)
-        if ((*features)->URI && std::strcmp((*features)->URI, uri) == 0) return (*features)->data;
-    return nullptr;
-}
-
 // The host's largest block, when it says; 0 when it does not.
 std::uint32_t maxBlockLength(const LV2_Options_Option* options, LV2_URID_Map* map) {
     if (!options || !map) return 0;
@@ -41,20 +36,6 @@ std::uint32_t maxBlockLength(const LV2_Options_Option* options, LV2_URID_Map* ma
             return frames > 0 ? std::uint32_t(frames) : 0;
         }
     return 0;
-}
-
-// The host's log, when it offers one (and URIDs to name the levels with); standard output
-// otherwise. Called on the print queue's thread, which the log extension allows.
-LogChannel::Sink hostLog(const LV2_Log_Log* log, LV2_URID_Map* map) {
-    if (!log || !log->printf || !map) return nullptr;
-    const std::array<LV2_URID, 4> types{
-        map->map(map->handle, LV2_LOG__Trace), map->map(map->handle, LV2_LOG__Note),
-        map->map(map->handle, LV2_LOG__Warning), map->map(map->handle, LV2_LOG__Error)};
-    return [log, types](LogLevel level, std::string_view text) {
-        const bool ended = !text.empty() && text.back() == '\n';
-        log->printf(log->handle, types[std::size_t(level)], ended ? "%.*s" : "%.*s\n",
-                    int(text.size()), text.data());
-    };
 }
 
 // A notify event: the event header, an object body and two properties of 32-bit scalars (the

@@ -18,6 +18,7 @@ inline constexpr const char* kUIURI = SR_LV2_URI "#ui";
 inline constexpr const char* kPluginName = "TAV SR Chorus";
 inline constexpr const char* kBundleName = "tav-sr-chorus.lv2";
 inline constexpr const char* kBinaryName = "tav-sr-chorus.so";
+inline constexpr const char* kUIBinaryName = "tav-sr-chorus-ui.so";
 
 // State: the audio unit's full state as one XML property-list string.
 inline constexpr const char* kFullStateURI = SR_LV2_URI "#fullState";

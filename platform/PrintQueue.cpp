@@ -110,6 +110,9 @@ void PrintQueue::reportDrops(Channel& channel) {
 
 void PrintQueue::run() {
     using namespace std::chrono_literals;
+    // Polling keeps producers free of any wake-up system call. It backs off while nothing comes,
+    // so an idle process (an editor that shows nothing new) is not woken 500 times a second.
+    auto pause = 2ms;
     for (;;) {
         const bool last = stopping.load(std::memory_order_acquire);
         bool any = false;
@@ -123,8 +126,12 @@ void PrintQueue::run() {
             dropReported.store(droppedSoFar, std::memory_order_release);
         }
         if (last) return;
-        // Polling keeps producers free of any wake-up system call.
-        if (!any) std::this_thread::sleep_for(2ms);
+        if (any) {
+            pause = 2ms;
+        } else {
+            std::this_thread::sleep_for(pause);
+            pause = std::min<std::chrono::milliseconds>(pause * 2, 64ms);
+        }
     }
 }
 

@@ -641,3 +641,45 @@ TEST(RendererCli, DemoWritesADeterministicDryAndWetPair) {
 }
 
 } // namespace
+
+// ---- the editor panel --------------------------------------------------------------------------
+
+namespace {
+
+// Width and height from a PNG's header; 0 x 0 when it is not a PNG.
+std::pair<std::uint32_t, std::uint32_t> pngSize(const fs::path& file) {
+    const std::string bytes = readText(file);
+    if (bytes.size() < 24 || bytes.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0) return {0, 0};
+    auto word = [&](std::size_t at) {
+        std::uint32_t v = 0;
+        for (std::size_t i = 0; i < 4; ++i) v = (v << 8) | std::uint8_t(bytes[at + i]);
+        return v;
+    };
+    return {word(16), word(20)};
+}
+
+} // namespace
+
+TEST(RendererCli, PanelDrawsThePanelForTheSettingsWithoutADisplay) {
+    const fs::path dir = freshDirectory("panel");
+    ASSERT_EQ(runTool({"--panel", dir / "main.png", "--set", "kChorusDepth=0.9"}).exitCode, 0);
+    EXPECT_EQ(pngSize(dir / "main.png"), (std::pair<std::uint32_t, std::uint32_t>{1024, 400}));
+    ASSERT_EQ(runTool({"--panel", dir / "lfo.png", "--panel-size", "3072x1200", "--page", "lfo"})
+                  .exitCode,
+              0);
+    EXPECT_EQ(pngSize(dir / "lfo.png"), (std::pair<std::uint32_t, std::uint32_t>{3072, 1200}));
+    // The panel's lines are the unit's log: kept with --log, not printed otherwise.
+    const ToolRun quiet = runTool({"--panel", dir / "q.png"});
+    EXPECT_EQ(quiet.out.find("editor received parameter"), std::string::npos);
+    ASSERT_EQ(runTool({"--panel", dir / "l.png", "--log", dir / "log.txt"}).exitCode, 0);
+    EXPECT_NE(readText(dir / "log.txt").find("editor received parameter : address:7, value:0.33"),
+              std::string::npos);
+
+    for (const Args& bad : {Args{"--panel", dir / "x.png", "--page", "side"},
+                            Args{"--panel", dir / "x.png", "--panel-size", "0x400"},
+                            Args{"--panel", dir / "x.png", "--panel-size", "1024"}}) {
+        const ToolRun run = runTool(bad);
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_FALSE(fs::exists(dir / "x.png"));
+    }
+}

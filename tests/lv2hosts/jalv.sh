@@ -14,20 +14,6 @@ SERVER=srtest$$
 CLIENT=sr-jalv
 export JACK_DEFAULT_SERVER=$SERVER JACK_NO_START_SERVER=1
 
-# Stops one of our children by PID: the signal, then SIGKILL after 5 s. Leaves its exit
-# status in STATUS (128 + signal number if a signal ended it).
-stop() {
-    local pid=$1 sig=${2:-TERM} i
-    kill -s "$sig" "$pid" 2>/dev/null || true
-    for ((i = 0; i < 50; i++)); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    if kill -0 "$pid" 2>/dev/null; then kill -KILL "$pid" 2>/dev/null || true; fi
-    STATUS=0
-    wait "$pid" 2>/dev/null || STATUS=$?
-}
-
 # Waits up to 10 s until every named port exists.
 wait_ports() {
     local i p missing
@@ -115,8 +101,8 @@ done
 echo "ok: jalv ran $((SECONDS - started)) s; audio and MIDI pass; $(wc -l <jalv.err) lines of" \
     "its log on standard error, none of the plug-in's on standard output"
 
-# jalv.gtk3 shows its generic controls (the plug-in's own editor is not in the bundle yet)
-# on an X server of our own; -displayfd lets it pick a free display.
+# jalv.gtk3 shows the plug-in's editor on an X server of our own; -displayfd lets it pick a
+# free display.
 Xvfb -displayfd 4 -screen 0 1024x768x24 -nolisten tcp 4>display.txt >xvfb.log 2>&1 &
 XVFB=$!
 CLEANUP+=("stop $XVFB")
