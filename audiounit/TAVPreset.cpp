@@ -205,8 +205,11 @@ std::optional<std::string> PresetPatch::validate(const PropertyList& dict) {
 }
 
 bool PresetPatch::fromDictionary(const PropertyList& dict) {
+    failure.clear();
     if (auto reason = validate(dict)) {
-        log("PresetPatch::fromDictionary() : ERROR: The preset is refused: " + *reason + ".");
+        if (logs)
+            log("PresetPatch::fromDictionary() : ERROR: The preset is refused: " + *reason + ".");
+        failure = *reason;
         return false;
     }
     for (const PropertyList::Entry& e : *dict.dictionary()) {
@@ -241,37 +244,46 @@ bool PresetPatch::fromDictionary(const PropertyList& dict) {
 }
 
 bool PresetPatch::saveToFile(const std::string& path) const {
+    failure.clear();
     const std::optional<std::string> xml = toDictionary().toXML();
     if (!xml) {
-        log("TAVPreset::loadFromFile() : ERROR: Could not serialize.");
+        if (logs) log("TAVPreset::loadFromFile() : ERROR: Could not serialize.");
+        failure = "the preset could not be written as a property list";
         return false;
     }
     try {
         sr::writeFileAtomically(path, *xml);
     } catch (const sr::FileError& error) {
-        log("TAVPreset::loadFromFile() : ERROR: Could not save the file '" + path + "'. (" +
-            error.what());
+        if (logs)
+            log("TAVPreset::loadFromFile() : ERROR: Could not save the file '" + path + "'. (" +
+                error.what());
+        failure = error.what();
         return false;
     }
     return true;
 }
 
 bool PresetPatch::loadFromFile(const std::string& path) {
+    failure.clear();
     std::error_code ec;
     if (!std::filesystem::exists(path, ec)) {
-        log("TAVPreset::loadFromFile() : ERROR: The path " + path + " does not exist.");
+        if (logs) log("TAVPreset::loadFromFile() : ERROR: The path " + path + " does not exist.");
+        failure = "the file does not exist";
         return false;
     }
     const sr::LimitedRead file = sr::readFileLimited(path, PropertyList::kMaxBytes);
     if (!file.bytes) {
-        log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
+        if (logs) log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
+        failure = "the file is not readable";
         return false;
     }
     // A file larger than a property list may be is refused by the parser, by its size.
     const sr::PropertyListParse parsed = PropertyList::parse(*file.bytes);
     if (!parsed.value) {
-        log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
-            ", Format: " + parsed.format + ", " + parsed.error);
+        if (logs)
+            log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
+                ", Format: " + parsed.format + ", " + parsed.error);
+        failure = "it is not a property list (" + parsed.error + ")";
         return false;
     }
     return fromDictionary(*parsed.value);

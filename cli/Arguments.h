@@ -27,6 +27,7 @@ struct Options {
     int panelWidth = 1024;     // --panel-size WxH
     int panelHeight = 400;
     bool panelLFOPage = false; // --page lfo
+    std::string panelOverlay;  // --overlay browser|new-preset: what is open over the panel
     std::vector<ParameterSetting> settings;
     std::uint32_t blockFrames = 512;
     bool list = false;

@@ -6,7 +6,7 @@ packages=(
     libsndfile1-dev libsmf-dev libplist-dev libplist-utils python3
     libgtest-dev libgmock-dev libbenchmark-dev
     lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2
-    libcairo2-dev libpango1.0-dev libx11-dev
+    libcairo2-dev libpango1.0-dev libx11-dev libxkbcommon-dev
     fonts-liberation fonts-dejavu-core fonts-dejavu-extra
     xvfb xdotool imagemagick x11-utils
 )
