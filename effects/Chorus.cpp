@@ -38,10 +38,17 @@ int processChannel(const float* inMain, const float* inOther, float* out, float*
 
 } // namespace
 
+namespace {
+
+int halfSecond(const EffectGlobals& globals) {
+    return std::max(1, int(float(globals.SAMPLE_RATE) * 0.5f));
+}
+
+} // namespace
+
 Chorus::Chorus(EffectGlobals& globals, int insertion, float* outLeft, float* outRight)
     : Effect(globals, outLeft, outRight), lfo(globals), insertion(insertion),
-      maxDelay(std::max(1, int(float(globals.SAMPLE_RATE) * 0.5f))), lineLeft(size_t(maxDelay)),
-      lineRight(size_t(maxDelay)) {
+      maxDelay(halfSecond(globals)), lineLeft(size_t(maxDelay)), lineRight(size_t(maxDelay)) {
     filterParams = nullptr;
     preset = 0;
     setPreset(0);
@@ -58,6 +65,18 @@ void Chorus::cleanup() {
     std::fill(lineRight.begin(), lineRight.end(), 0.0f);
     // The next block starts at the delay of the current settings instead of gliding from the
     // ones in force before the clear (the construction preset, at start-up).
+    lfo.current(&lfoLeft, &lfoRight);
+    leftDelayNew = getdelay(lfoLeft);
+    rightDelayNew = getdelay(lfoRight);
+}
+
+void Chorus::sampleRateChanged() {
+    const int samples = halfSecond(globals);
+    if (samples == maxDelay) return;
+    maxDelay = samples;
+    lineLeft.assign(size_t(maxDelay), 0.0f);
+    lineRight.assign(size_t(maxDelay), 0.0f);
+    writeLeft = writeRight = 0;
     lfo.current(&lfoLeft, &lfoRight);
     leftDelayNew = getdelay(lfoLeft);
     rightDelayNew = getdelay(lfoRight);

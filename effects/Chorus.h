@@ -18,6 +18,8 @@ public:
     void setPreset(unsigned char npreset) override;
     void setParameterChar(int index, unsigned char value) override;
     unsigned char getParameter_Char(int index) override;
+    // The lines hold half a second at the new rate, so the longest delay and depth still fit.
+    void sampleRateChanged() override;
 
     // Delay in samples for an LFO value x.
     float getdelay(float x) const;

@@ -25,6 +25,9 @@ public:
     virtual void setParameterChar(int /*index*/, unsigned char /*value*/) {}
     virtual unsigned char getParameter_Char(int /*index*/) { return 0; }
     virtual float getFrequencyResponse(float /*freq*/) { return 0.0f; }
+    // SAMPLE_RATE changed: storage sized in samples follows. May allocate, so never called
+    // while rendering.
+    virtual void sampleRateChanged() {}
 
     unsigned char preset = 0;
     float* outLeft;

@@ -88,6 +88,10 @@ void EffectManager::changeEffect(int type) {
     filterParams = effect->filterParams;
 }
 
+void EffectManager::sampleRateChanged() {
+    if (effect) effect->sampleRateChanged();
+}
+
 void EffectManager::cleanup() {
     if (effect) effect->cleanup();
 }

@@ -23,6 +23,8 @@ public:
     void setDryOnly(bool value) { dryOnly = value; }
     int getEffect() const { return effectType; }
     void cleanup();
+    // Tells the current effect that SAMPLE_RATE changed. Off the render thread only.
+    void sampleRateChanged();
     void changePreset(unsigned char npreset);
     void changePreset_nolock(unsigned char npreset);
     unsigned char getPreset();

@@ -1,6 +1,8 @@
 #include "kernel/BandSplitFilter3.h"
 
 #include <algorithm>
+#include <cmath>
+#include <numbers>
 
 // --- SVFilter4Pole1 ---
 
@@ -19,6 +21,11 @@ void SVFilter4Pole1::init() {
     reset();
 }
 
+void SVFilter4Pole1::setSamplerate(float value) {
+    sampleRate = value;
+    processParameters();
+}
+
 void SVFilter4Pole1::reset() {
     cachedFrequency = cachedResonance = 0.0f;
     gain = f = q = 0.0f;
@@ -33,15 +40,32 @@ void SVFilter4Pole1::processParameters() {
     const float v = Modulator::getValueFrequencyScaled(cutoff);
     const float r = std::clamp(resonance, 0.0f, 1.0f);
     float freq = v;
-    if (double(freq) < 0.0012) freq = 0.0012f;
+    if (double(freq) < kMinimumCoefficient) freq = float(kMinimumCoefficient);
     if (freq > 1.0f) freq = 1.0f;
-    if (freq == cachedFrequency && r == cachedResonance) return;
+    if (freq == cachedFrequency && r == cachedResonance && sampleRate == cachedSampleRate) return;
     cachedFrequency = freq;
     cachedResonance = r;
+    cachedSampleRate = sampleRate;
     const float r2 = 0.05f + r * r;
     gain = 0.7f + (1.0f - r2);
-    f = freq;
     q = 1.0f / (25.0f * ((1.0f + (1.0f - freq)) * r2));
+    // The damping and gain keep the 48 kHz response's shape; only the frequency moves.
+    f = coefficientForRate(freq, q, sampleRate);
+}
+
+float SVFilter4Pole1::coefficientForRate(float coefficient48k, float damping, float rate) {
+    if (rate == kReferenceRate || !(rate > 0.0f)) return coefficient48k;
+    // f = 2 sin(pi fc / fs): the frequency the coefficient stands for at 48 kHz, then the
+    // coefficient of that frequency at this rate. Above Nyquist the phase stops at pi / 2.
+    const double phase48k = std::asin(0.5 * double(coefficient48k));
+    const double phase =
+        std::min(phase48k * double(kReferenceRate) / double(rate), std::numbers::pi / 2.0);
+    double mapped = 2.0 * std::sin(phase);
+    // The two-integrator loop is stable while f^2 + 2 f q < 4; stay well inside that bound so
+    // a split near Nyquist at a low rate neither rings nor runs away.
+    const double qd = double(damping);
+    const double stable = kStabilityMargin * (std::sqrt(qd * qd + 4.0) - qd);
+    return float(std::min(mapped, stable));
 }
 
 template <bool HighPass>

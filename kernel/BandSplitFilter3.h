@@ -14,7 +14,8 @@ public:
     SVFilter4Pole1();
 
     void setCutoff(float value);
-    void setSamplerate(float value) { sampleRate = value; }
+    // The cutoff keeps its frequency in Hz at every rate: see coefficientForRate.
+    void setSamplerate(float value);
     void init();
     void reset();
     void processParameters();
@@ -32,6 +33,14 @@ public:
     float getQ() const { return q; }
     float getGain() const { return gain; }
 
+    // The cutoffs are laid out for 48 kHz; at that rate the coefficients are used as they are.
+    static constexpr float kReferenceRate = 48000.0f;
+    static constexpr double kMinimumCoefficient = 0.0012;
+    static constexpr double kStabilityMargin = 0.9;
+    // The frequency coefficient that gives, at `rate`, the cutoff in Hz that `coefficient48k`
+    // gives at 48 kHz, limited to where a loop of this damping stays stable.
+    static float coefficientForRate(float coefficient48k, float damping, float rate);
+
 private:
     struct Stage {
         float band = 0.0f;
@@ -42,11 +51,12 @@ private:
 
     float stages = 3.0f; // stage k (1-based) runs while stages > k - 1
     float cleared = 0.0f;
-    float sampleRate = 48000.0f; // stored only: the coefficients are normalised
+    float sampleRate = 48000.0f;
     float cutoff = 0.5f;
     float resonance = 0.0f;
     float cachedFrequency = 0.0f;
     float cachedResonance = 0.0f;
+    float cachedSampleRate = 0.0f;
     float gain = 0.0f;
     float f = 0.0f;
     float q = 0.0f;
@@ -70,6 +80,9 @@ public:
     void split(const float* left, const float* right, int frames);
     float* getBPLeft() { return midLeft.data(); }
     float* getBPRight() { return midRight.data(); }
+    // The outer bands of the last split, for inspection.
+    const float* getLowLeft() const { return lowLeft.data(); }
+    const float* getHighLeft() const { return highLeft.data(); }
     // Writes low + middle + high for min(frames, 4096) frames.
     void mix(float* outLeft, float* outRight, int frames);
 

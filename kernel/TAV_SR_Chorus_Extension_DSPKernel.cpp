@@ -49,6 +49,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::setSamplerate(float rate) {
     inputGain.setSampleRate(rate);
     outputGain.setSampleRate(rate);
     globals.SAMPLE_RATE = sr::truncSaturate<int>(rate);
+    effectManager->sampleRateChanged();
 }
 
 void TAV_SR_Chorus_Extension_DSPKernel::reset() {

@@ -48,6 +48,9 @@ void PrintQueue::write(std::string_view text) {
 
 void PrintQueue::run() {
     using namespace std::chrono_literals;
+    // Polling keeps producers free of any wake-up system call. It backs off while nothing comes,
+    // so an idle process (an editor that shows nothing new) is not woken 500 times a second.
+    auto pause = 2ms;
     for (;;) {
         bool any = false;
         while (popOne()) any = true;
@@ -68,8 +71,12 @@ void PrintQueue::run() {
             std::fflush(stdout);
             return;
         }
-        // Polling keeps producers free of any wake-up system call.
-        if (!any) std::this_thread::sleep_for(2ms);
+        if (any) {
+            pause = 2ms;
+        } else {
+            std::this_thread::sleep_for(pause);
+            pause = std::min<std::chrono::milliseconds>(pause * 2, 64ms);
+        }
     }
 }
 

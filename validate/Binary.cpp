@@ -41,6 +41,9 @@ constexpr Library kLibraries[] = {
      kPlugin | kUi},
     {"libX11", "opens the editor's window inside the host's", "window", kUi},
     {"libcairo", "draws the editor", "drawing", kUi},
+    {"libpangocairo-1.0", "sets the editor's text with Cairo", "text on Cairo", kUi},
+    {"libpango-1.0", "lays out the editor's text", "text layout", kUi},
+    {"libgobject-2.0", "releases the text layouts (Pango's objects)", "Pango objects", kUi},
 };
 
 // Calls that start a process: a plug-in in a host's address space must never do that (a
