@@ -8,7 +8,7 @@ packages=(
     lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2
     libcairo2-dev libpango1.0-dev libx11-dev libxkbcommon-dev
     fonts-liberation fonts-dejavu-core fonts-dejavu-extra
-    xvfb xdotool imagemagick x11-utils
+    xvfb xdotool imagemagick x11-utils x11-xkb-utils
 )
 missing=()
 for p in "${packages[@]}"; do

@@ -130,8 +130,7 @@ PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t pare
     attributes.border_pixel = 0;
     attributes.colormap = parentAttributes.colormap;
     attributes.event_mask = ExposureMask | StructureNotifyMask | ButtonPressMask |
-                            ButtonReleaseMask | PointerMotionMask | LeaveWindowMask | KeyPressMask |
-                            FocusChangeMask;
+                            ButtonReleaseMask | PointerMotionMask | LeaveWindowMask | KeyPressMask;
     const Window created =
         XCreateWindow(display, container, 0, 0, unsigned(width_), unsigned(height_), 0, depth,
                       InputOutput, static_cast<Visual*>(visual),
@@ -306,11 +305,9 @@ void PanelWindow::handle(const void* raw) {
         input.key(translateKey(key));
         break;
     }
-    case FocusOut:
-        // The user gave the keyboard to something else: it is not taken back behind their back.
-        if (event.xfocus.window == asWindow(window) && event.xfocus.mode == NotifyNormal &&
-            event.xfocus.detail != NotifyInferior)
-            focusTaken = false;
+    case MappingNotify:
+        // xdotool, a layout switch: keys are read with the new keyboard map from now on.
+        XRefreshKeyboardMapping(const_cast<XMappingEvent*>(&event.xmapping));
         break;
     case ClientMessage:
         if (deleteAtom && Atom(event.xclient.data.l[0]) == Atom(deleteAtom)) closeRequested_ = true;
