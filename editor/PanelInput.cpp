@@ -10,7 +10,7 @@ PanelInput::PanelInput(AudioUnitViewController& c) : controller(c), pointer(c.pl
     pointer.onBackgroundDoubleClick = [this] { controller.onDoubleTapGesture(); };
 }
 
-void PanelInput::press(CGPoint location, int button, unsigned modifiers, double seconds) {
+void PanelInput::press(CGPoint location, int button, unsigned, double seconds) {
     if (isDragging()) return; // one gesture at a time
     if (button == middle) {
         panning = true;
@@ -23,7 +23,6 @@ void PanelInput::press(CGPoint location, int button, unsigned modifiers, double 
         controller.overlays.press(location);
         return;
     }
-    (void)modifiers;
     pointer.press(location, seconds);
 }
 

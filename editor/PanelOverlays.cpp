@@ -218,9 +218,7 @@ void PanelOverlays::ensureVisible(std::size_t row, Layer layer) {
 CGRect PanelOverlays::alertCard() const {
     const PanelAlert& a = alerts.back();
     const double inner = kAlertWidth - 2 * kAlertPad;
-    // The message is measured at the size it is drawn; a const measure keeps the layout cache.
-    const double message =
-        const_cast<PanelText&>(text).measureWrapped(a.message, PanelFont::helveticaNeue, 12, inner);
+    const double message = text.measureWrapped(a.message, PanelFont::helveticaNeue, 12, inner);
     const double height =
         22 + 24 + 10 + message + (a.textField ? 14 + kFieldHeight : 0) + 22 + 28 + 18;
     const double y = std::max(12.0, 200 - height / 2);
@@ -743,7 +741,6 @@ void PanelOverlays::drawList(cairo_t* cr, const CGRect& rows, const std::vector<
     const TAVSRChorusViewBase& b = controller.pluginView.baseClass;
     const UIColor& ink = b.colorContrast;
     const std::string& current = controller.presetsViewController.currentPath;
-    const PresetSet set = controller.presetsViewController.tableView.set();
     const bool scrolls = double(items.size()) > rows.height() / kRowHeight;
     const double right = rows.maxX() - (scrolls ? kScrollbarWidth + 6 : 4);
     cairo_save(cr);
@@ -838,7 +835,6 @@ void PanelOverlays::drawList(cairo_t* cr, const CGRect& rows, const std::vector<
                           ink.withAlpha(0.4));
             textRight -= chip + 12;
         }
-        (void)set;
         text.drawLineElided(cr, item.title(), PanelFont::helveticaNeueMedium, 12,
                             {textX, y, textRight - textX, kRowHeight}, TextAlign::left,
                             isCurrent ? b.colorEmphasize : ink.withAlpha(supported ? 1.0 : 0.45));

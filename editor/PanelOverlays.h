@@ -131,7 +131,8 @@ private:
     const Preview& previewOf(const std::string& path);
 
     AudioUnitViewController& controller;
-    PanelText text;
+    // Layouts are kept between drawings and measured in const members too.
+    mutable PanelText text;
     Preview preview;
     // The canvas fitted into the window at the last drawing.
     CGRect fitted{0, 0, 1024, 400};
