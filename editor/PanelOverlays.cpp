@@ -683,19 +683,20 @@ void PanelOverlays::drawCard(cairo_t* cr, const CGRect& r) {
 }
 
 void PanelOverlays::drawGlass(cairo_t* cr, const CGRect& r) {
+    recessedGlass(cr, r, 6, controller.pluginView.baseClass.colorGrey, 14);
+}
+
+// The groove under a card's title row, as between the panel's sections.
+void PanelOverlays::drawGroove(cairo_t* cr) {
     const TAVSRChorusViewBase& b = controller.pluginView.baseClass;
-    roundedRect(cr, r, 6);
-    b.colorGrey.set(cr);
-    cairo_fill_preserve(cr);
-    cairo_pattern_t* inset = cairo_pattern_create_linear(0, r.minY(), 0, r.maxY());
-    UIColor::black().withAlpha(0.22).addStop(inset, 0);
-    UIColor::black().withAlpha(0.0).addStop(inset, std::min(1.0, 14 / r.height()));
-    UIColor::white().withAlpha(0.03).addStop(inset, 1);
-    cairo_set_source(cr, inset);
-    cairo_fill_preserve(cr);
-    cairo_pattern_destroy(inset);
-    UIColor::systemGray().set(cr);
-    cairo_set_line_width(cr, 0.5);
+    cairo_set_line_width(cr, 1);
+    b.colorContrast.withAlpha(0.14).set(cr);
+    cairo_move_to(cr, kCard.minX() + 16, kGrooveY);
+    cairo_line_to(cr, kCard.maxX() - 16, kGrooveY);
+    cairo_stroke(cr);
+    b.colorMain.mixed(UIColor::white(), 0.5).withAlpha(0.10).set(cr);
+    cairo_move_to(cr, kCard.minX() + 16, kGrooveY + 1);
+    cairo_line_to(cr, kCard.maxX() - 16, kGrooveY + 1);
     cairo_stroke(cr);
 }
 
@@ -1035,15 +1036,7 @@ void PanelOverlays::drawBrowser(cairo_t* cr) {
     text.drawLine(cr, "PRESETS", PanelFont::condensedBlack, 22,
                   {kTitle.minX() + chorusWidth, kTitle.minY(), 120, kTitle.height()},
                   TextAlign::left, ink);
-    cairo_set_line_width(cr, 1);
-    ink.withAlpha(0.14).set(cr);
-    cairo_move_to(cr, kCard.minX() + 16, kGrooveY);
-    cairo_line_to(cr, kCard.maxX() - 16, kGrooveY);
-    cairo_stroke(cr);
-    b.colorMain.mixed(UIColor::white(), 0.5).withAlpha(0.10).set(cr);
-    cairo_move_to(cr, kCard.minX() + 16, kGrooveY + 1);
-    cairo_line_to(cr, kCard.maxX() - 16, kGrooveY + 1);
-    cairo_stroke(cr);
+    drawGroove(cr);
 
     // The list, under its section title.
     drawGlass(cr, kList);
@@ -1110,11 +1103,7 @@ void PanelOverlays::drawPicker(cairo_t* cr) {
     drawCard(cr, kCard);
     text.drawLine(cr, picker->title, PanelFont::condensedBlack, 22, {84, 34, 600, 24},
                   TextAlign::left, ink);
-    cairo_set_line_width(cr, 1);
-    ink.withAlpha(0.14).set(cr);
-    cairo_move_to(cr, kCard.minX() + 16, kGrooveY);
-    cairo_line_to(cr, kCard.maxX() - 16, kGrooveY);
-    cairo_stroke(cr);
+    drawGroove(cr);
     text.drawLineElided(cr, picker->prompt, PanelFont::helveticaNeue, 11, kPickerPrompt,
                         TextAlign::left, ink.withAlpha(0.8));
     drawGlass(cr, kPickerList);

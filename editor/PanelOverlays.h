@@ -109,6 +109,7 @@ private:
     void drawAlert(cairo_t* cr, const PanelAlert& alert);
     void drawCard(cairo_t* cr, const CGRect& r);
     void drawGlass(cairo_t* cr, const CGRect& r);
+    void drawGroove(cairo_t* cr);
     void drawButton(cairo_t* cr, const Region& region, const std::string& label, bool selected,
                     bool enabled);
     void drawList(cairo_t* cr, const CGRect& rows, const std::vector<FileItem>& items,

@@ -6,19 +6,6 @@ need Xvfb xdotool import convert xwininfo jackd jack_wait jalv.gtk3 stdbuf
 SHOTS=$(cd "$LV2_DIR/.." && pwd)/test-screenshots
 mkdir -p "$SHOTS"
 
-# Stops one of our children by PID: the signal, then SIGKILL after 5 s; its status in STATUS.
-stop() {
-    local pid=$1 sig=${2:-TERM} i
-    kill -s "$sig" "$pid" 2>/dev/null || true
-    for ((i = 0; i < 50; i++)); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    if kill -0 "$pid" 2>/dev/null; then kill -KILL "$pid" 2>/dev/null || true; fi
-    STATUS=0
-    wait "$pid" 2>/dev/null || STATUS=$?
-}
-
 # A display number of our own, from our PID, skipping any in use.
 n=$((200 + $$ % 500))
 while [ -e "/tmp/.X$n-lock" ] || [ -e "/tmp/.X11-unix/X$n" ]; do n=$((n + 1)); done
