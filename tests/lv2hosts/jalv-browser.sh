@@ -87,6 +87,9 @@ row() { at 200 $((111 + 24 * $1 + 12)); }
 shot() { import -window root -crop "1024x400+$WX+$WY" "$1"; }
 focus() { xdotool getwindowfocus 2>/dev/null || echo none; }
 alive() { kill -0 "$JALV" 2>/dev/null || fail "jalv.gtk3 died: $(cat jalv.err)"; }
+# The plug-in's and the editor's lines, wherever the host puts them (its log, or standard output
+# when it offers none).
+logs() { cat jalv.out jalv.err >log.txt; }
 [ "$(focus)" != "$((WINDOW))" ] || fail "the editor took the keyboard before it needed it"
 
 # Open the browser (the Presets button) and choose the factory preset.
@@ -96,7 +99,8 @@ alive
 row 2
 sleep 1
 alive
-python3 presets.py compare "$FACTORY" jalv.out ||
+logs
+python3 presets.py compare "$FACTORY" log.txt ||
     fail "choosing '$PRESET' did not bring all 29 values to the host's ports"
 shot browser.png
 cp browser.png "$SHOTS/jalv-browser.png"
@@ -128,7 +132,11 @@ kx=$((WX + 137)) ky=$((WY + 222))
 xdotool mousemove "$kx" "$ky" sleep 0.2 mousedown 1 sleep 0.1
 for step in 10 20 30 40; do xdotool mousemove "$kx" $((ky - step)) sleep 0.05; done
 xdotool sleep 0.1 mouseup 1 sleep 0.6
-depth() { grep -a -o 'unit received parameter : address:7, value:[0-9.]*' jalv.out | tail -n1 | sed 's/.*value://'; }
+depth() {
+    logs
+    grep -a -o 'unit received parameter : address:7, value:[0-9.]*' log.txt | tail -n1 |
+        sed 's/.*value://'
+}
 want=$(python3 presets.py values "$FACTORY" | awk '$1 == 7 {print $2}')
 changed=$(depth)
 awk -v a="$changed" -v b="$want" 'BEGIN { exit !(a - b > 0.1) }' ||
@@ -149,9 +157,10 @@ cp question.png "$SHOTS/jalv-delete-question.png"
 xdotool key Return
 sleep 0.6
 [ ! -e "$USER_FILE" ] || fail "the user preset was not deleted after confirming"
-grep -q "FileViewControllerPresets::alertFileDelete() : Delete action was permitted." jalv.out ||
+logs
+grep -q "FileViewControllerPresets::alertFileDelete() : Delete action was permitted." log.txt ||
     fail "no permission line in the log"
-grep -q "FileTableViewPresets::deleteFile() : The file was removed." jalv.out ||
+grep -q "FileTableViewPresets::deleteFile() : The file was removed." log.txt ||
     fail "no removal line in the log"
 ls "$XDG_DATA_HOME/tav-sr-chorus/Presets/Factory/$PRESET.aupreset" >/dev/null ||
     fail "a factory preset went missing"
