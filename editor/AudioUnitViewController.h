@@ -119,6 +119,10 @@ public:
     // "<documents>Presets/User/<name>.aupreset".
     std::string userPresetPath(const std::string& name) const;
 
+    // Told of the file that became the current preset (chosen, imported or saved), for a host
+    // that shows it (the standalone app's title).
+    std::function<void(const std::string& path)> presetChanged;
+
     // A line under the browser about the last thing done, and whether it was a failure.
     std::string statusText;
     bool statusIsError = false;

@@ -208,6 +208,7 @@ void AudioUnitViewController::onNewPresetName(std::string typed) {
         reason = "the folder " + documentsPath + kUserFolder + " could not be created";
     } else if (savePresetFile(path, &reason)) {
         presetsViewController.currentPath = path;
+        if (presetChanged) presetChanged(path);
         if (overlays.browserShown) {
             presetsViewController.showSet(PresetSet::user);
             presetsViewController.tableView.selectPath(path);
@@ -229,6 +230,7 @@ void AudioUnitViewController::onPresetFileSelect(std::int64_t index, const std::
     if (loadPresetFile(path, &reason)) {
         presetsViewController.currentPath = path;
         setStatus("Loaded " + inQuotes(path) + ".", false);
+        if (presetChanged) presetChanged(path);
         return;
     }
     setStatus(inQuotes(path) + " was not loaded: " + reason + ".", true);
@@ -274,6 +276,7 @@ void AudioUnitViewController::documentPicker(const std::vector<std::string>& url
     if (!loaded.empty()) {
         presetsViewController.currentPath = loaded;
         setStatus("Imported and loaded " + inQuotes(loaded) + ".", false);
+        if (presetChanged) presetChanged(loaded);
     }
     if (!failures.empty()) {
         setStatus("Import: not every file was loaded.", true);

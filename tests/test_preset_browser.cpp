@@ -22,6 +22,7 @@
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "editor/FileTableViewPresets.h"
 #include "editor/FileViewControllerPresets.h"
+#include "editor/HostedAudioUnit.h"
 #include "editor/PanelInput.h"
 #include "editor/TextField.h"
 
@@ -455,8 +456,41 @@ TEST(PresetBrowser, MalformedOrForeignPresetsChangeNothingAndSayWhy) {
         << h.topAlert().message;
 }
 
-// ---- saving under a new name
-// ---------------------------------------------------------------------
+TEST(PresetBrowser, TheSameControllerLoadsAndSavesWithAUnitInItsOwnProcess) {
+    // As the standalone app has it: the editor on the unit's own tree.
+    const fs::path dir = freshDirectory("browser", "hosted");
+    fs::create_directories(dir / "Presets/User");
+    const auto v = distinctValues(2);
+    writePreset(dir / "In.aupreset", v);
+    sr::test::AudioUnitHost host;
+    HostedAudioUnit hosted(host.unit);
+    AudioUnitViewController controller;
+    controller.documentsPath = dir.string() + "/";
+    controller.viewDidLoad();
+    controller.setAudioUnit(&hosted);
+    controller.mainQueue().drain();
+    std::vector<std::string> told;
+    controller.presetChanged = [&](const std::string& path) { told.push_back(path); };
+
+    controller.onPresetFileSelect(0, (dir / "In.aupreset").string());
+    for (std::size_t a = 0; a < kParameterCount; ++a)
+        EXPECT_EQ(host.unit.getParameter(std::int32_t(a)), v[a]) << a;
+    EXPECT_TRUE(hosted.shouldBypassEffect()); // the values bypass, as the kernel reads them
+    EXPECT_EQ(told, (std::vector<std::string>{(dir / "In.aupreset").string()}));
+
+    // Saved from the unit's tree, the file reads back as the same values.
+    controller.alertFileName();
+    controller.overlays.key(typed("Out"));
+    controller.overlays.key(keyOf(PanelKey::enter));
+    const fs::path out = dir / "Presets/User/Out.aupreset";
+    ASSERT_TRUE(fs::is_regular_file(out));
+    EXPECT_EQ(told.back(), out.string());
+    const std::map<std::string, double> read = readWithPython(out);
+    for (std::size_t a = 0; a < kParameterCount; ++a)
+        EXPECT_EQ(float(read.at(std::to_string(a))), v[a]) << a;
+}
+
+// ---- saving under a new name ------------------------------------------------------------------
 
 TEST(NewPresetDialog, ATypedNameIsWrittenAtomicallyFromTheParameterValues) {
     BrowserHarness h("save");
@@ -641,8 +675,7 @@ TEST(NewPresetDialog, TheTextFieldEditsWholeCharactersAndDropsControls) {
     EXPECT_EQ(field.text().size(), TextField::kMaxBytes);
 }
 
-// ---- import and export
-// ---------------------------------------------------------------------------
+// ---- import and export ------------------------------------------------------------------------
 
 TEST(PresetBrowser, ImportLoadsEachTickedFileInTurnAndExportCopiesIntoAChosenFolder) {
     BrowserHarness h("import");
