@@ -120,31 +120,26 @@ void AudioUnitViewController::onTimer() {
     }
 }
 
-void AudioUnitViewController::setParameter(AUParameterAddress address, AUValue value) {
+AUParameter* AudioUnitViewController::parameter(AUParameterAddress address) const {
     AUParameterTree* tree = audioUnit_ ? audioUnit_->parameterTree() : nullptr;
-    AUParameter* parameter = tree ? tree->parameterWithAddress(address) : nullptr;
-    if (!parameter) {
+    AUParameter* found = tree ? tree->parameterWithAddress(address) : nullptr;
+    if (!found) {
         LineBuilder<> line;
         line << "AudioUnitViewController: ERROR: The parameter address " << address
              << " is unknown.\n";
         debugprint(line.view());
-        return;
     }
+    return found;
+}
+
+void AudioUnitViewController::setParameter(AUParameterAddress address, AUValue value) {
     // The panel already shows its own change: the controller's observer is not told.
-    parameter->setValue(value, parameterObserverToken);
+    if (AUParameter* p = parameter(address)) p->setValue(value, parameterObserverToken);
 }
 
 AUValue AudioUnitViewController::getParameter(AUParameterAddress address) const {
-    AUParameterTree* tree = audioUnit_ ? audioUnit_->parameterTree() : nullptr;
-    AUParameter* parameter = tree ? tree->parameterWithAddress(address) : nullptr;
-    if (!parameter) {
-        LineBuilder<> line;
-        line << "AudioUnitViewController: ERROR: The parameter address " << address
-             << " is unknown.\n";
-        debugprint(line.view());
-        return 0;
-    }
-    return parameter->value();
+    const AUParameter* p = parameter(address);
+    return p ? p->value() : 0.0f;
 }
 
 void AudioUnitViewController::setTouchesLocked(bool locked) {

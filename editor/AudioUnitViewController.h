@@ -155,6 +155,8 @@ public:
     CGRect lastBounds{0, 0, 1024, 400};
 
 private:
+    // The unit's parameter at an address; null, with a log line, when there is none.
+    AUParameter* parameter(AUParameterAddress address) const;
     void forwardToPanel(AUParameterAddress address, AUValue value);
     // Sets values as gestures of their own, as a user's change, and shows them at once.
     void applyValues(const std::vector<std::pair<AUParameterAddress, AUValue>>& values);

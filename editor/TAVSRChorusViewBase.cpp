@@ -558,12 +558,24 @@ void TAVSRChorusViewBase::drawKnob(cairo_t* cr, const CGRect& frame, ResizingBeh
 
 void TAVSRChorusViewBase::drawSymbolHandleLeft(cairo_t* cr, const CGRect& frame,
                                                ResizingBehavior resizing) {
+    drawHandle(cr, frame, resizing, false);
+}
+
+void TAVSRChorusViewBase::drawSymbolHandleRight(cairo_t* cr, const CGRect& frame,
+                                                ResizingBehavior resizing) {
+    drawHandle(cr, frame, resizing, true);
+}
+
+// The left handle, or its mirror image: the accent arrow points into the range bar.
+void TAVSRChorusViewBase::drawHandle(cairo_t* cr, const CGRect& frame, ResizingBehavior resizing,
+                                     bool right) {
     CGSize symbolScale;
     const CGRect own{0, 0, 26, 66};
     const CGRect fitted = apply(own, frame, resizing, symbolScale);
     cairo_save(cr);
     cairo_translate(cr, fitted.minX(), fitted.minY());
     cairo_scale(cr, fitted.width() / 26, fitted.height() / 66);
+    const double y = right ? 32.5 : 33.5;
     // The edge itself: a grip bar on the split point.
     roundedRect(cr, {10, 4, 6, 58}, 3);
     colorMain.mixed(UIColor::white(), 0.12).set(cr);
@@ -571,54 +583,20 @@ void TAVSRChorusViewBase::drawSymbolHandleLeft(cairo_t* cr, const CGRect& frame,
     colorContrast.set(cr);
     cairo_set_line_width(cr, 1);
     cairo_stroke(cr);
-    for (const double y : {27.0, 31.0, 35.0, 39.0}) {
-        cairo_move_to(cr, 11.5, y);
-        cairo_line_to(cr, 14.5, y);
+    for (const double groove : {-6.5, -2.5, 1.5, 5.5}) {
+        cairo_move_to(cr, 11.5, y + groove);
+        cairo_line_to(cr, 14.5, y + groove);
     }
     colorContrast.withAlpha(0.6).set(cr);
     cairo_set_line_width(cr, 0.8);
     cairo_stroke(cr);
     cairo_set_line_width(cr, 3.5);
     colorEmphasize.set(cr);
-    triangle(cr, 19, 33.5, 7.36, 2.5, 90);
+    triangle(cr, right ? 7 : 19, y, 7.36, 2.5, right ? -90 : 90);
     cairo_fill_preserve(cr);
     cairo_stroke(cr);
     colorContrast.set(cr);
-    triangle(cr, 7, 33.5, 7.36, 2.5, -90);
-    cairo_fill_preserve(cr);
-    cairo_set_line_width(cr, 2);
-    cairo_stroke(cr);
-    cairo_restore(cr);
-}
-
-void TAVSRChorusViewBase::drawSymbolHandleRight(cairo_t* cr, const CGRect& frame,
-                                                ResizingBehavior resizing) {
-    CGSize symbolScale;
-    const CGRect own{0, 0, 26, 66};
-    const CGRect fitted = apply(own, frame, resizing, symbolScale);
-    cairo_save(cr);
-    cairo_translate(cr, fitted.minX(), fitted.minY());
-    cairo_scale(cr, fitted.width() / 26, fitted.height() / 66);
-    roundedRect(cr, {10, 4, 6, 58}, 3);
-    colorMain.mixed(UIColor::white(), 0.12).set(cr);
-    cairo_fill_preserve(cr);
-    colorContrast.set(cr);
-    cairo_set_line_width(cr, 1);
-    cairo_stroke(cr);
-    for (const double y : {26.0, 30.0, 34.0, 38.0}) {
-        cairo_move_to(cr, 11.5, y);
-        cairo_line_to(cr, 14.5, y);
-    }
-    colorContrast.withAlpha(0.6).set(cr);
-    cairo_set_line_width(cr, 0.8);
-    cairo_stroke(cr);
-    cairo_set_line_width(cr, 3.5);
-    colorEmphasize.set(cr);
-    triangle(cr, 7, 32.5, 7.36, 2.5, -90);
-    cairo_fill_preserve(cr);
-    cairo_stroke(cr);
-    colorContrast.set(cr);
-    triangle(cr, 19, 32.5, 7.36, 2.5, 90);
+    triangle(cr, right ? 19 : 7, y, 7.36, 2.5, right ? 90 : -90);
     cairo_fill_preserve(cr);
     cairo_set_line_width(cr, 2);
     cairo_stroke(cr);

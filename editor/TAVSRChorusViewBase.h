@@ -148,6 +148,7 @@ private:
     void drawKnob(cairo_t* cr, const CGRect& frame, ResizingBehavior resizing,
                   const std::string& name, int controller, double value, bool isAlternate,
                   bool isControllerActive, bool large);
+    void drawHandle(cairo_t* cr, const CGRect& frame, ResizingBehavior resizing, bool right);
     void drawKnobFaceShape(cairo_t* cr, double cx, double cy, double radius, bool large);
     // Runs `draw` around `centre`, 1.2 times larger while `held`.
     template <typename Draw>

@@ -9,6 +9,7 @@
 #include <lv2/midi/midi.h>
 #include <lv2/options/options.h>
 
+#include "lv2/Features.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
 
@@ -26,12 +27,6 @@ void log(std::string_view text) {
 
 bool sameBits(float a, float b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
-}
-
-const void* findFeature(const LV2_Feature* const* features, const char* uri) {
-    for (; features && *features; ++features)
-        if ((*features)->URI && std::strcmp((*features)->URI, uri) == 0) return (*features)->data;
-    return nullptr;
 }
 
 // The host's largest block, when it says; 0 when it does not.

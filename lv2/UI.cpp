@@ -17,6 +17,7 @@
 
 #include "editor/AudioUnitViewController.h"
 #include "editor/EditorAudioUnit.h"
+#include "lv2/Features.h"
 #include "lv2/PluginURIs.h"
 #include "lv2/UIMessages.h"
 #include "platform/PrintQueue.h"
@@ -32,12 +33,6 @@ void log(std::string_view text) {
     LineBuilder<> line;
     line << kLogPrefix << text << "\n";
     debugprint(line.view());
-}
-
-const void* findFeature(const LV2_Feature* const* features, const char* uri) {
-    for (; features && *features; ++features)
-        if ((*features)->URI && std::strcmp((*features)->URI, uri) == 0) return (*features)->data;
-    return nullptr;
 }
 
 // The host's ui:scaleFactor, kept to a sensible range; 1 when it gives none.

@@ -16,20 +16,6 @@ fail() {
     exit 1
 }
 
-# Stops one of our children by PID: the signal, then SIGKILL after 5 s. Leaves its exit
-# status in STATUS (128 + signal number if a signal ended it).
-stop() {
-    local pid=$1 sig=${2:-TERM} i
-    kill -s "$sig" "$pid" 2>/dev/null || true
-    for ((i = 0; i < 50; i++)); do
-        kill -0 "$pid" 2>/dev/null || break
-        sleep 0.1
-    done
-    if kill -0 "$pid" 2>/dev/null; then kill -KILL "$pid" 2>/dev/null || true; fi
-    STATUS=0
-    wait "$pid" 2>/dev/null || STATUS=$?
-}
-
 need() {
     local t
     for t in "$@"; do
@@ -68,3 +54,17 @@ run() {
 }
 
 wavtool() { python3 "$HERE/wavtool.py" "$@"; }
+
+# Stops one of our children by PID: the signal, then SIGKILL after 5 s. Leaves its exit
+# status in STATUS (128 + signal number if a signal ended it).
+stop() {
+    local pid=$1 sig=${2:-TERM} i
+    kill -s "$sig" "$pid" 2>/dev/null || true
+    for ((i = 0; i < 50; i++)); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    if kill -0 "$pid" 2>/dev/null; then kill -KILL "$pid" 2>/dev/null || true; fi
+    STATUS=0
+    wait "$pid" 2>/dev/null || STATUS=$?
+}
