@@ -283,7 +283,10 @@ bool PresetPatch::loadFromFile(const std::string& path) {
         if (logs)
             log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
                 ", Format: " + parsed.format + ", " + parsed.error);
-        failure = "it is not a property list (" + parsed.error + ")";
+        // The parser's words, unless they only say the same.
+        failure = "it is not a property list";
+        if (parsed.error.find("property list") == std::string::npos)
+            failure += " (" + parsed.error + ")";
         return false;
     }
     return fromDictionary(*parsed.value);

@@ -256,6 +256,13 @@ std::vector<PanelOverlays::Region> PanelOverlays::regions() const {
     return regions(top());
 }
 
+bool PanelOverlays::scrolls(Layer layer) const {
+    const std::size_t count = layer == Layer::picker
+                                  ? (picker ? picker->rows().size() : 0)
+                                  : controller.presetsViewController.tableView.count();
+    return double(count) > listRowsRect(layer).height() / kRowHeight;
+}
+
 std::vector<PanelOverlays::Region> PanelOverlays::regions(Layer layer) const {
     std::vector<Region> r;
     switch (layer) {
@@ -266,18 +273,20 @@ std::vector<PanelOverlays::Region> PanelOverlays::regions(Layer layer) const {
     case Layer::picker:
         r.push_back({button(804, 356), "cancel"});
         r.push_back({button(904, 356), "confirm"});
-        r.push_back({{kPickerList.maxX() - kScrollbarWidth - 4, kPickerList.minY(),
-                      kScrollbarWidth + 4, kPickerList.height()},
-                     "scroll"});
+        if (scrolls(Layer::picker))
+            r.push_back({{kPickerList.maxX() - kScrollbarWidth - 4, kPickerList.minY(),
+                          kScrollbarWidth + 4, kPickerList.height()},
+                         "scroll"});
         r.push_back({listRowsRect(Layer::picker), "list"});
         r.push_back({kCard, "card"});
         break;
     case Layer::browser:
         for (const ButtonSpec& b : kBrowserButtons) r.push_back({button(b.cx, b.cy), b.id});
         r.push_back({kSlider, "slider"});
-        r.push_back({{kList.maxX() - kScrollbarWidth - 4, kList.minY() + kListHeader,
-                      kScrollbarWidth + 4, kList.height() - kListHeader},
-                     "scroll"});
+        if (scrolls(Layer::browser))
+            r.push_back({{kList.maxX() - kScrollbarWidth - 4, kList.minY() + kListHeader,
+                          kScrollbarWidth + 4, kList.height() - kListHeader},
+                         "scroll"});
         r.push_back({listRowsRect(Layer::browser), "list"});
         r.push_back({kCard, "card"});
         break;

@@ -85,6 +85,8 @@ private:
     enum class Layer { none, browser, picker, alert };
     Layer top() const;
     std::vector<Region> regions(Layer layer) const;
+    // The list of that layer has more rows than fit: it has a scroll bar.
+    bool scrolls(Layer layer) const;
     // The rows area of the top list, and its rows.
     CGRect listRowsRect() const;
     static CGRect listRowsRect(Layer layer);
