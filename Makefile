@@ -70,8 +70,9 @@ format:
 clean:
 	@rm -rf $(BUILD) $(DEMO_DIR)
 
-# Sanitizer builds, each in its own folder, with clang, building nothing but their one target:
-# the preset fuzzer (address and undefined behaviour) and the thread stress (ThreadSanitizer).
+# Sanitizer builds, each in its own folder, with clang, building nothing but their targets:
+# the preset fuzzer (address and undefined behaviour), and the thread stress and the app
+# (ThreadSanitizer; the app's tests run it as app.tsan).
 # A folder configured otherwise (another sanitizer or compiler) is started anew.
 comma := ,
 SAN_CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
@@ -79,7 +80,7 @@ SAN_CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++
 FUZZ_SANITIZE = address$(comma)undefined
 FUZZ_SECONDS ?= 60
 
-# $(1) folder, $(2) sanitizers, $(3) more cache settings, $(4) target.
+# $(1) folder, $(2) sanitizers, $(3) more cache settings, $(4) targets.
 define sanitizer_build
 	@{ grep -qsx 'SR_SANITIZE:STRING=$(2)' $(1)/CMakeCache.txt && \
 	   grep -qs '^CMAKE_CXX_COMPILER:.*clang++$$' $(1)/CMakeCache.txt; } || rm -rf $(1)
@@ -91,7 +92,7 @@ endef
 
 sanitizer-builds: deps
 	$(call sanitizer_build,build-fuzz,$(FUZZ_SANITIZE),-DSR_FUZZ=ON,sr-fuzz-presets)
-	$(call sanitizer_build,build-tsan,thread,-DSR_FUZZ=OFF,sr-tsan-stress)
+	$(call sanitizer_build,build-tsan,thread,-DSR_FUZZ=OFF,sr-tsan-stress sr-chorus)
 
 # Fuzzes the preset and state reader for FUZZ_SECONDS on one core. New inputs collect in
 # build-fuzz/corpus; the presets, fuzz/seeds and the fixed crashers seed it. A finding is

@@ -13,7 +13,8 @@ namespace fs = std::filesystem;
 
 namespace sr {
 
-bool installPresetFolders(const std::string& documents, const std::string& factorySource) {
+bool installPresetFolders(const std::string& documents, const std::string& factorySource,
+                          LogChannel& log) {
     if (documents.empty()) return false;
     std::string error;
     for (const char* folder : {"Presets/", "Presets/Factory/", "Presets/User/"})
@@ -35,9 +36,9 @@ bool installPresetFolders(const std::string& documents, const std::string& facto
                     throw FileError("cannot read it");
                 writeFileAtomically(target, *source.bytes, false);
             } catch (const FileError& e) {
-                debugprint("TAV_SR_Chorus_Extension_AudioUnit::factoryPresets : ERROR: Could not "
-                           "install the factory preset '" +
-                           name + "': " + e.what() + "\n");
+                log.debugprint("TAV_SR_Chorus_Extension_AudioUnit::factoryPresets : ERROR: Could "
+                               "not install the factory preset '" +
+                               name + "': " + e.what() + "\n");
             }
         }
     }

@@ -16,6 +16,7 @@
 
 #include "platform/AUParameterTree.h"
 #include "platform/AudioComponent.h"
+#include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
 
 class TAVPreset;
@@ -88,7 +89,8 @@ public:
 
 class TAVPreset {
 public:
-    TAVPreset();
+    // File and format problems are logged on the channel, which must outlive this object.
+    explicit TAVPreset(sr::LogChannel& log = sr::standardLog());
     TAVPreset(const TAVPreset&) = delete;
     TAVPreset& operator=(const TAVPreset&) = delete;
 
@@ -113,4 +115,9 @@ public:
                         float value) const;
     // Tells the delegate every parameter the patch holds, in its order.
     void reportParameters() const;
+
+    void log(const std::string& text) const;
+
+private:
+    sr::LogChannel* logChannel;
 };

@@ -20,10 +20,6 @@ namespace {
 constexpr const char* kPresetsFolder = "Presets/";
 constexpr const char* kUserFolder = "Presets/User/";
 
-void log(const std::string& text) {
-    sr::debugprint(text + "\n");
-}
-
 bool exists(const std::string& path) {
     std::error_code ec;
     return fs::exists(path, ec);
@@ -50,7 +46,7 @@ std::string TAV_SR_Chorus_Extension_AudioUnit::presetPath(const std::string& fol
 // ---- state -------------------------------------------------------------------------------------
 
 std::optional<PropertyList> TAV_SR_Chorus_Extension_AudioUnit::fullState() {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.setDescription(componentDescription(), kStateVersion, kStateName);
     if (AUParameterTree* tree = parameterTree()) preset.makeFrom(*tree);
     _fullState = preset.getDictionary();
@@ -62,7 +58,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<Propert
     _fullState = state;
     // Read without a delegate, so that nothing of a state reaches the parameters before it is
     // known to be whole and of this component.
-    TAVPreset preset;
+    TAVPreset preset(log_);
     if (!preset.makeFrom(state)) {
         _fullState = std::move(old);
         return false;
@@ -89,7 +85,7 @@ void TAV_SR_Chorus_Extension_AudioUnit::onFoundParameter(NSInteger, const std::s
 // ---- factory presets ---------------------------------------------------------------------------
 
 bool TAV_SR_Chorus_Extension_AudioUnit::ensurePresetFolders() {
-    return sr::installPresetFolders(documents, factorySource);
+    return sr::installPresetFolders(documents, factorySource, log_);
 }
 
 std::vector<AUAudioUnitPreset> TAV_SR_Chorus_Extension_AudioUnit::factoryPresets() {
@@ -169,7 +165,7 @@ PropertyList TAV_SR_Chorus_Extension_AudioUnit::presetState(const AUAudioUnitPre
         throw AUAudioUnitError(kAudioUnitErr_InvalidFile,
                                "no preset file for '" + preset.name + "'");
     }
-    TAVPreset loaded;
+    TAVPreset loaded(log_);
     loaded.load(path);
     return loaded.getDictionary();
 }
@@ -192,7 +188,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::savePreset(const std::string& filename) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::savePresetFile(const std::string& path) {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.makeFrom(fullState());
     return preset.save(path);
 }
@@ -209,7 +205,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::loadPreset(const std::string& filename) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile(const std::string& path) {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.load(path);
     if (!preset.checkDescription(componentDescription(), kStateVersion)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile() : ERROR: The component "

@@ -153,6 +153,7 @@ Options parseArguments(int argc, const char* const* argv) {
                                        : option == "--save-preset" ? &options.savePreset
                                        : option == "--state-out"   ? &options.stateOut
                                        : option == "--panel"       ? &options.panelFile
+                                       : option == "--log"         ? &options.logFile
                                                                    : nullptr) {
             const std::string_view path = reader.valueFor(option, inlineValue);
             if (path.empty()) throw UsageError(std::string(option) + " needs a file");
@@ -193,7 +194,7 @@ std::string usageText() {
         std::to_string(TAV_SR_Chorus_ExtensionDSPKernelAdapter::kDefaultMaximumFramesToRender);
     return "usage: sr-chorus-render IN OUT [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "                        [--midi FILE.mid] [--midi-out FILE.mid]\n"
-           "                        [--save-preset FILE] [--state-out FILE]\n"
+           "                        [--save-preset FILE] [--state-out FILE] [--log FILE]\n"
            "                        [--panel FILE.png [--panel-size WxH] [--page main|lfo]\n"
            "                         [--overlay browser|new-preset]]\n"
            "       sr-chorus-render --demo DIR [--preset FILE] [--set ID=VALUE]... [--block N]\n"
@@ -224,6 +225,8 @@ std::string usageText() {
            "  --overlay browser|new-preset  draw the panel with the preset browser open (the\n"
            "                  presets of the documents folder), or with the New Preset dialog\n"
            "                  over it\n"
+           "  --log FILE      write the plug-in's own log lines to FILE ('-': standard output);\n"
+           "                  without it they are not kept\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
            "                  and write DIR/demo-dry.wav, DIR/demo-wet.wav and DIR/panel.png\n"
            "  --list          list the parameters with their ranges and defaults\n"

@@ -9,19 +9,14 @@ namespace sr::editor {
 
 namespace {
 
-void log(std::string_view text) {
-    LineBuilder<> line;
-    line << text << "\n";
-    debugprint(line.view());
-}
-
 bool sameValue(float a, float b) {
     return a == b || (std::isnan(a) && std::isnan(b));
 }
 
 } // namespace
 
-AudioUnitViewController::AudioUnitViewController() {
+AudioUnitViewController::AudioUnitViewController(LogChannel* channel)
+    : logChannel(channel ? channel : &standardLog()) {
     shown.fill(std::numeric_limits<float>::quiet_NaN());
     pluginView.viewController = this;
     pluginView.delegate = this;
@@ -39,37 +34,37 @@ void AudioUnitViewController::setAudioUnit(EditorAudioUnit* unit) {
     parameterTree = nullptr;
     parameterObserverToken = 0;
     audioUnit_ = unit;
-    log("AU Diagnostics: AUAudioUnit::didSet()");
+    note("AU Diagnostics: AUAudioUnit::didSet()");
     queue.async([this] {
         if (!isViewLoaded) {
-            log("AU Diagnostics: WARNING: Plugin view is not loaded.");
+            note("AU Diagnostics: WARNING: Plugin view is not loaded.");
             return;
         }
-        log("AU Diagnostics: We are about to connect the audio unit to its view controller.");
+        note("AU Diagnostics: We are about to connect the audio unit to its view controller.");
         setPaths();
         connectParameters();
     });
 }
 
 void AudioUnitViewController::viewDidLoad() {
-    log("viewDidLoad");
+    note("viewDidLoad");
     isViewLoaded = true;
-    if (!audioUnit_) log("AudioUnitViewController: WARNING: The audio unit plugin is nil (yet?).");
+    if (!audioUnit_) note("AudioUnitViewController: WARNING: The audio unit plugin is nil (yet?).");
     pluginView.setNeedsDisplay();
 }
 
 void AudioUnitViewController::connectParameters() {
     if (!audioUnit_) {
-        log("AU Diagnostics: WARNING: The audio unit is nil.");
+        note("AU Diagnostics: WARNING: The audio unit is nil.");
         return;
     }
-    log("AU Diagnostics: Retriving parameters from the audio unit: ");
+    note("AU Diagnostics: Retriving parameters from the audio unit: ");
     AUParameterTree* tree = audioUnit_->parameterTree();
     if (!tree) {
-        log("AU Diagnostics: Retriving the parameter tree from the audio unit failed.");
+        note("AU Diagnostics: Retriving the parameter tree from the audio unit failed.");
         return;
     }
-    log("ExtensionViewController: Extracting at the parameter tree: ");
+    note("ExtensionViewController: Extracting at the parameter tree: ");
     for (AUParameter* p : tree->allParameters()) {
         LineBuilder<> line;
         line << "  " << p->keyPath() << " (" << p->displayName() << ") address " << p->address()
@@ -77,7 +72,7 @@ void AudioUnitViewController::connectParameters() {
         line.fixed(p->minValue()) << " .. ";
         line.fixed(p->maxValue()) << ", value ";
         line.fixed(p->value()) << "\n";
-        debugprint(line.view());
+        log().trace(line.view());
     }
     if (parameterTree && parameterObserverToken)
         parameterTree->removeParameterObserver(parameterObserverToken);
@@ -87,8 +82,8 @@ void AudioUnitViewController::connectParameters() {
         tree->tokenByAddingParameterObserver([this](AUParameterAddress address, AUValue value) {
             queue.async([this, address, value] { forwardToPanel(address, value); });
         });
-    if (!parameterObserverToken) log("ERROR: Could not initialize parameter observer.");
-    log("AU Diagnostics: Connected parameters to the plugins interface.");
+    if (!parameterObserverToken) note("ERROR: Could not initialize parameter observer.");
+    note("AU Diagnostics: Connected parameters to the plugins interface.");
 }
 
 void AudioUnitViewController::forwardToPanel(AUParameterAddress address, AUValue value) {
@@ -100,7 +95,7 @@ void AudioUnitViewController::forwardToPanel(AUParameterAddress address, AUValue
 
 void AudioUnitViewController::onTimer() {
     if (!audioUnit_) {
-        log("WARNING: The Audio unit is not initialized.");
+        note("WARNING: The Audio unit is not initialized.");
         return;
     }
     const bool bypass = audioUnit_->shouldBypassEffect();
@@ -127,7 +122,7 @@ AUParameter* AudioUnitViewController::parameter(AUParameterAddress address) cons
         LineBuilder<> line;
         line << "AudioUnitViewController: ERROR: The parameter address " << address
              << " is unknown.\n";
-        debugprint(line.view());
+        log().debugprint(line.view());
     }
     return found;
 }
@@ -167,9 +162,15 @@ void AudioUnitViewController::onTAVSRChorusViewOption(std::int64_t address, floa
         pluginFrame.backgroundColor = UIColor::grey(value);
         pluginView.setNeedsDisplay();
     } else if (address == TAVSRChorusView::kOptionPresets) {
-        log("AudioUnitViewController: the Presets button was pressed.");
+        note("AudioUnitViewController: the Presets button was pressed.");
         performSegue("showPresets");
     }
+}
+
+void AudioUnitViewController::note(std::string_view text) const {
+    LineBuilder<> line;
+    line << text << "\n";
+    logChannel->debugprint(line.view());
 }
 
 CGRect AudioUnitViewController::panelFrame(const CGRect& bounds) {

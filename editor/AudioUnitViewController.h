@@ -21,6 +21,7 @@
 #include "editor/TAVSRChorusView.h"
 #include "kernel/ParameterTable.h"
 #include "platform/MainQueue.h"
+#include "platform/PrintQueue.h"
 
 namespace sr::editor {
 
@@ -31,12 +32,14 @@ public:
     // The poll's period: 25 calls a second.
     static constexpr double kTimerInterval = 0.04;
 
-    AudioUnitViewController();
+    // Log lines go to `channel` (the host's log), or to standard output without one.
+    explicit AudioUnitViewController(LogChannel* channel = nullptr);
     ~AudioUnitViewController() override;
     AudioUnitViewController(const AudioUnitViewController&) = delete;
     AudioUnitViewController& operator=(const AudioUnitViewController&) = delete;
 
     EditorAudioUnit* audioUnit() const { return audioUnit_; }
+    LogChannel& log() const { return *logChannel; }
     // "did set": logs, and queues the connection to the panel on the main queue.
     void setAudioUnit(EditorAudioUnit* unit);
     // Shows the panel; the host then calls onTimer() every kTimerInterval seconds.
@@ -155,6 +158,7 @@ public:
     CGRect lastBounds{0, 0, 1024, 400};
 
 private:
+    void note(std::string_view text) const;
     // The unit's parameter at an address; null, with a log line, when there is none.
     AUParameter* parameter(AUParameterAddress address) const;
     void forwardToPanel(AUParameterAddress address, AUValue value);
@@ -167,6 +171,7 @@ private:
     bool ensurePresetFolders();
     void clampPan();
 
+    LogChannel* logChannel;
     EditorAudioUnit* audioUnit_ = nullptr;
     AUParameterTree* parameterTree = nullptr;
     AUParameterObserverToken parameterObserverToken = 0;

@@ -26,10 +26,6 @@ namespace {
 using Unit = TAV_SR_Chorus_Extension_AudioUnit;
 constexpr const char* kUserFolder = "Presets/User/";
 
-void log(const std::string& text) {
-    debugprint(text + "\n");
-}
-
 std::string withSlash(std::string path) {
     if (!path.empty() && path.back() != '/') path += '/';
     return path;
@@ -71,33 +67,35 @@ std::string homeFolder() {
 
 void AudioUnitViewController::setPaths() {
     if (!audioUnit_) {
-        log("Error: could not set paths, audio unit is nil.");
+        note("Error: could not set paths, audio unit is nil.");
         return;
     }
     if (documentsPath.empty()) documentsPath = userDataDirectory(Unit::kDocumentsFolderName);
     documentsPath = withSlash(documentsPath);
     resourcesPath = withSlash(resourcesPath);
     if (homePath.empty()) homePath = homeFolder();
-    log("Audio Unit's documents path is: " + documentsPath);
-    log("Audio Unit's resources path is: " + resourcesPath);
+    note("Audio Unit's documents path is: " + documentsPath);
+    note("Audio Unit's resources path is: " + resourcesPath);
 }
 
 bool AudioUnitViewController::ensurePresetFolders() {
     const std::string source = resourcesPath.empty() ? std::string() : resourcesPath + "factory/";
-    if (installPresetFolders(documentsPath, source)) return true;
-    log("AudioUnitViewController::ensurePresetFolders() : ERROR: The preset folders in '" +
-        documentsPath + "' could not be created.");
+    if (installPresetFolders(documentsPath, source, log())) return true;
+    note("AudioUnitViewController::ensurePresetFolders() : ERROR: The preset folders in '" +
+         documentsPath + "' could not be created.");
     return false;
 }
 
 void AudioUnitViewController::performSegue(const std::string& identifier) {
     if (identifier != "showPresets") {
-        log("AudioUnitViewController::performSegue() : ERROR: Unknown segue '" + identifier + "'.");
+        note("AudioUnitViewController::performSegue() : ERROR: Unknown segue '" + identifier +
+             "'.");
         return;
     }
     ensurePresetFolders();
     presetsViewController.delegate = this;
     presetsViewController.alerts = this;
+    presetsViewController.logChannel = &log();
     presetsViewController.viewDidLoad(documentsPath);
     overlays.showBrowser();
     if (showPresets) showPresets();
@@ -117,7 +115,7 @@ void AudioUnitViewController::setStatus(std::string text, bool error) {
 
 void AudioUnitViewController::alert(const std::string& caption, const std::string& message,
                                     std::function<void()> completion) {
-    log("Alert: " + caption + " : " + message);
+    note("Alert: " + caption + " : " + message);
     PanelAlert a;
     a.title = caption;
     a.message = message;
@@ -131,7 +129,7 @@ void AudioUnitViewController::alert(const std::string& caption, const std::strin
 void AudioUnitViewController::alertQuestion(const std::string& caption, const std::string& question,
                                             std::function<void()> completion,
                                             std::function<void()> cancelled) {
-    log("Alert: " + caption + " : " + question);
+    note("Alert: " + caption + " : " + question);
     PanelAlert a;
     a.title = caption;
     a.message = question;
@@ -175,8 +173,8 @@ void AudioUnitViewController::alertFileName2(const std::string& name) {
 
 bool AudioUnitViewController::testForPresetName(const std::string& name) {
     if (!somethingAt(userPresetPath(name))) return false;
-    log("AudioUnitViewController::testForPresetName() : WARNING: The destination for preset '" +
-        name + "' (" + documentsPath + kUserFolder + name + ").aupreset");
+    note("AudioUnitViewController::testForPresetName() : WARNING: The destination for preset '" +
+         name + "' (" + documentsPath + kUserFolder + name + ").aupreset");
     return true;
 }
 
@@ -187,8 +185,8 @@ std::string AudioUnitViewController::userPresetPath(const std::string& name) con
 void AudioUnitViewController::onNewPresetName(std::string typed) {
     const std::string name = trimmed(typed);
     if (const std::optional<std::string> problem = presetNameProblem(name)) {
-        log("AudioUnitViewController::alertFileName() : ERROR: The name '" + typed +
-            "' is refused: " + *problem);
+        note("AudioUnitViewController::alertFileName() : ERROR: The name '" + typed +
+             "' is refused: " + *problem);
         // Back to the question with what was typed, to be corrected.
         alert("New Preset", *problem + " Nothing was saved.", [this, typed] {
             overlays.showAlert(nameAlert("New Preset",
@@ -225,7 +223,7 @@ void AudioUnitViewController::onNewPresetName(std::string typed) {
 // ---- the browser's delegate ------------------------------------------------------------------
 
 void AudioUnitViewController::onPresetFileSelect(std::int64_t index, const std::string& path) {
-    log("AudioUnitViewController::onPresetFileSelect() : " + std::to_string(index) + " : " + path);
+    note("AudioUnitViewController::onPresetFileSelect() : " + std::to_string(index) + " : " + path);
     std::string reason;
     if (loadPresetFile(path, &reason)) {
         presetsViewController.currentPath = path;
@@ -265,7 +263,7 @@ void AudioUnitViewController::documentPicker(const std::vector<std::string>& url
     std::string failures;
     std::string loaded;
     for (const std::string& url : urls) {
-        log("documentPicker: " + url);
+        note("documentPicker: " + url);
         std::string reason;
         if (loadPresetFile(url, &reason)) {
             loaded = url;
@@ -315,15 +313,15 @@ void AudioUnitViewController::exportPreset(const std::string& file, const std::s
         // Never over a file that appeared in the meantime.
         writeFileAtomically(destination, *source.bytes, false);
     } catch (const FileError& error) {
-        log("AudioUnitViewController::onPresetFileExport() : ERROR: The file '" + file +
-            "' could not be copied to '" + destination + "': " + error.what());
+        note("AudioUnitViewController::onPresetFileExport() : ERROR: The file '" + file +
+             "' could not be copied to '" + destination + "': " + error.what());
         setStatus(inQuotes(file) + " was not exported: " + error.what() + ".", true);
         alert("Export",
               inQuotes(file) + " could not be copied to " + folder + ": " + error.what() + ".");
         return;
     }
-    log("AudioUnitViewController::onPresetFileExport() : The file '" + file + "' was copied to '" +
-        destination + "'.");
+    note("AudioUnitViewController::onPresetFileExport() : The file '" + file + "' was copied to '" +
+         destination + "'.");
     setStatus("Exported " + inQuotes(file) + " to " + folder + ".", false);
 }
 
@@ -338,11 +336,11 @@ bool AudioUnitViewController::loadPresetFile(const std::string& path, std::strin
     if (!tree) return fail("the editor is not connected to the plug-in");
     // Read without a delegate: nothing of the file reaches the unit before it is known to be
     // whole and of this plug-in.
-    TAVPreset preset;
+    TAVPreset preset(log());
     if (!preset.load(path)) return fail(preset.patch->failure);
     if (!preset.checkDescription(audioUnit_->componentDescription(), Unit::kStateVersion)) {
-        log("TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile() : ERROR: The component "
-            "description of the loaded preset does not match.");
+        note("TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile() : ERROR: The component "
+             "description of the loaded preset does not match.");
         const AudioComponentDescription& d = preset.componentDescription;
         return fail("it is a preset of another plug-in (" + fourCharText(d.componentType) + " " +
                     fourCharText(d.componentSubType) + " " + fourCharText(d.componentManufacturer) +
@@ -353,8 +351,8 @@ bool AudioUnitViewController::loadPresetFile(const std::string& path, std::strin
         for (const auto& param : group->params) values.emplace_back(param->address, param->value);
     if (values.empty()) return fail("it holds no parameter values");
     applyValues(values);
-    log("AudioUnitViewController::loadPresetFile() : The preset '" + path + "' was loaded (" +
-        std::to_string(values.size()) + " values).");
+    note("AudioUnitViewController::loadPresetFile() : The preset '" + path + "' was loaded (" +
+         std::to_string(values.size()) + " values).");
     return true;
 }
 
@@ -364,7 +362,7 @@ bool AudioUnitViewController::savePresetFile(const std::string& path, std::strin
         if (reason) *reason = "the editor is not connected to the plug-in";
         return false;
     }
-    TAVPreset preset;
+    TAVPreset preset(log());
     preset.setDescription(audioUnit_->componentDescription(), Unit::kStateVersion,
                           Unit::kStateName);
     preset.makeFrom(*tree);

@@ -13,10 +13,6 @@ namespace sr::editor {
 
 namespace {
 
-void log(const std::string& text) {
-    debugprint(text + "\n");
-}
-
 // True when `path` lies strictly inside `folder` once "." and ".." are resolved, so a row can
 // never name the folder itself or anything beside it.
 bool isInside(const std::string& path, const std::string& folder) {
@@ -32,6 +28,10 @@ void FileTableViewPresets::initialize(FileViewControllerPresets* c) {
     controller = c;
 }
 
+void FileTableViewPresets::note(const std::string& text) const {
+    logChannel->debugprint(text + "\n");
+}
+
 std::string FileTableViewPresets::folder() const {
     return documentsDirectory + (set_ == PresetSet::factory ? kFactoryFolder : kUserFolder) + "/";
 }
@@ -45,8 +45,8 @@ FileEnumerator::Options FileTableViewPresets::options() const {
 bool FileTableViewPresets::ensureDirectoryExists(const std::string& url) {
     std::string error;
     if (sr::ensureDirectoryExists(url, error)) return true;
-    log("Quillon_AudioUnit::ensureDirectoryExists() : ERROR: Creating required directory '" + url +
-        "' failed: " + error);
+    note("Quillon_AudioUnit::ensureDirectoryExists() : ERROR: Creating required directory '" + url +
+         "' failed: " + error);
     return false;
 }
 
@@ -61,18 +61,18 @@ bool FileTableViewPresets::loadUserSet() {
 bool FileTableViewPresets::loadSet(PresetSet set) {
     const bool factory = set == PresetSet::factory;
     if (documentsDirectory.empty()) {
-        log(factory ? "FileTableViewPresets::loadFactorySet() : ERROR: Documents directory is nil."
-                    : "FileTableViewPresets::loadUserSet() : ERROR: Documents directory is nil.");
+        note(factory ? "FileTableViewPresets::loadFactorySet() : ERROR: Documents directory is nil."
+                     : "FileTableViewPresets::loadUserSet() : ERROR: Documents directory is nil.");
         return false;
     }
     const bool changed = set != set_;
     set_ = set;
     if (!ensureDirectoryExists(folder())) {
-        log(factory
-                ? "FileTableViewPresets::loadUserSet() : ERROR: The factory preset directory "
-                  "could not be created."
-                : "FileTableViewPresets::loadUserSet() : ERROR: The user preset directory could "
-                  "not be created.");
+        note(factory
+                 ? "FileTableViewPresets::loadUserSet() : ERROR: The factory preset directory "
+                   "could not be created."
+                 : "FileTableViewPresets::loadUserSet() : ERROR: The user preset directory could "
+                   "not be created.");
         items_.clear();
         selectedRow.reset();
         return false;
@@ -109,10 +109,10 @@ bool FileTableViewPresets::selectPath(const std::string& path) {
 }
 
 void FileTableViewPresets::didSelectRowAt(std::size_t row) {
-    log("row: " + std::to_string(row));
-    log("count: " + std::to_string(items_.size()));
+    note("row: " + std::to_string(row));
+    note("count: " + std::to_string(items_.size()));
     if (row >= items_.size()) {
-        log("FileTableViewPresets::didSelectRowAt : Error: The row exceeds the count of items.");
+        note("FileTableViewPresets::didSelectRowAt : Error: The row exceeds the count of items.");
         return;
     }
     selectedRow = row;
@@ -120,17 +120,17 @@ void FileTableViewPresets::didSelectRowAt(std::size_t row) {
     if (item.isMore) return;
     if (item.isFolder()) {
         const std::size_t count = FileEnumerator::shared().toggle(items_, row, options());
-        log("new count: " + std::to_string(count));
+        note("new count: " + std::to_string(count));
         return;
     }
     std::error_code ec;
     if (!fs::exists(item.path, ec)) {
-        log("FileTableViewPresets::didSelectRowAt : ERROR: The file '" + item.path +
-            "' does not exist.");
+        note("FileTableViewPresets::didSelectRowAt : ERROR: The file '" + item.path +
+             "' does not exist.");
         return;
     }
     if (!item.isLoadable()) {
-        log("FileTableViewPresets::didSelectRowAt : WARNING: The file format is not supported.");
+        note("FileTableViewPresets::didSelectRowAt : WARNING: The file format is not supported.");
         return;
     }
     if (controller) controller->didChooseFile(row, item.path);
@@ -140,17 +140,17 @@ bool FileTableViewPresets::deleteFile() {
     const FileItem* item = selectedItem();
     if (!item || item->isMore) return false;
     const std::string path = item->path;
-    log("FileTableViewPresets::deleteFile() : The file '" + path + "' is asked to be removed.");
+    note("FileTableViewPresets::deleteFile() : The file '" + path + "' is asked to be removed.");
     // Factory rows are never removed, whoever asks; nor anything outside the user folder.
     if (!item->isDeleteble || set_ != PresetSet::user ||
         !isInside(path, documentsDirectory + kUserFolder)) {
-        log("FileTableViewPresets::deleteFile() : ERROR: Factory content cannot be deleted.");
+        note("FileTableViewPresets::deleteFile() : ERROR: Factory content cannot be deleted.");
         return false;
     }
     std::error_code ec;
     if (!fs::exists(fs::symlink_status(path, ec))) {
-        log("FileTableViewPresets::deleteFile() : ERROR: The file for deletion (" + path +
-            ") does not exist.");
+        note("FileTableViewPresets::deleteFile() : ERROR: The file for deletion (" + path +
+             ") does not exist.");
         reloadData();
         return false;
     }
@@ -161,11 +161,11 @@ bool FileTableViewPresets::deleteFile() {
     else
         fs::remove(path, ec);
     if (ec) {
-        log("FileTableViewPresets::deleteFile() : ERROR: " + ec.message());
+        note("FileTableViewPresets::deleteFile() : ERROR: " + ec.message());
         reloadData();
         return false;
     }
-    log("FileTableViewPresets::deleteFile() : The file was removed.");
+    note("FileTableViewPresets::deleteFile() : The file was removed.");
     reloadData();
     return true;
 }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "editor/FileEnumerator.h"
+#include "platform/PrintQueue.h"
 
 namespace sr::editor {
 
@@ -29,6 +30,8 @@ public:
 
     // The documents folder, ending with '/'; empty when there is none.
     std::string documentsDirectory;
+    // Where its log lines go (the host's log); must outlive the table.
+    LogChannel* logChannel = &standardLog();
 
     bool loadFactorySet();
     bool loadUserSet();
@@ -59,6 +62,7 @@ public:
     bool selectPath(const std::string& path);
 
 private:
+    void note(const std::string& text) const;
     bool loadSet(PresetSet set);
     FileEnumerator::Options options() const;
 

@@ -4,16 +4,13 @@
 
 namespace sr::editor {
 
-namespace {
-
-void log(const std::string& text) {
-    debugprint(text + "\n");
+void FileViewControllerPresets::note(const std::string& text) const {
+    logChannel->debugprint(text + "\n");
 }
-
-} // namespace
 
 void FileViewControllerPresets::viewDidLoad(const std::string& documentsDirectory) {
     tableView.initialize(this);
+    tableView.logChannel = logChannel;
     tableView.documentsDirectory = documentsDirectory;
     showSet(tableView.set());
 }
@@ -51,15 +48,17 @@ void FileViewControllerPresets::alertFileDelete() {
     alerts->alertQuestion(
         kDeleteCaption, kDeleteQuestion,
         [this, path] {
-            log("FileViewControllerPresets::alertFileDelete() : Delete action was permitted.");
+            note("FileViewControllerPresets::alertFileDelete() : Delete action was permitted.");
             if (!tableView.selectPath(path)) {
-                log("FileTableViewPresets::deleteFile() : ERROR: The file for deletion (" + path +
-                    ") does not exist.");
+                note("FileTableViewPresets::deleteFile() : ERROR: The file for deletion (" + path +
+                     ") does not exist.");
                 return;
             }
             tableView.deleteFile();
         },
-        [] { log("FileViewControllerPresets::alertFileDelete() : Delete action was canceled."); });
+        [this] {
+            note("FileViewControllerPresets::alertFileDelete() : Delete action was canceled.");
+        });
 }
 
 void FileViewControllerPresets::onSaveButton() {

@@ -9,6 +9,7 @@
 
 #include "editor/FileTableViewPresets.h"
 #include "editor/PanelAlert.h"
+#include "platform/PrintQueue.h"
 
 namespace sr::editor {
 
@@ -34,6 +35,8 @@ public:
 
     FileViewControllerPresetsDelegate* delegate = nullptr;
     AlertPresenter* alerts = nullptr;
+    // Where its and its table's log lines go (the host's log); must outlive them.
+    LogChannel* logChannel = &standardLog();
     FileTableViewPresets tableView;
     // The file loaded last, whose row is marked.
     std::string currentPath;
@@ -54,6 +57,9 @@ public:
     void onExportButton();
     // Asks the delete question for the selected row; deletes after "OK".
     void alertFileDelete();
+
+private:
+    void note(const std::string& text) const;
 };
 
 } // namespace sr::editor

@@ -41,7 +41,7 @@ void writePanelPNG(AudioUnitViewController& controller, const std::string& path,
     writeFileAtomically(path, png);
 }
 
-PanelSnapshot::PanelSnapshot(const float* values) {
+PanelSnapshot::PanelSnapshot(const float* values, LogChannel* log) : controller_(log) {
     for (std::size_t a = 0; a < kParameterCount; ++a) mirror.receive(a, values[a]);
     controller_.viewDidLoad();
     controller_.setAudioUnit(&mirror);

@@ -20,10 +20,11 @@ void writePanelPNG(AudioUnitViewController& controller, const std::string& path,
                    int height);
 
 // A controller for a unit whose values are `values` (29 of them, by address), connected and
-// refreshed as a host would have it after opening the panel.
+// refreshed as a host would have it after opening the panel; its log lines go to `log`
+// (standard output without one).
 class PanelSnapshot {
 public:
-    explicit PanelSnapshot(const float* values);
+    explicit PanelSnapshot(const float* values, LogChannel* log = nullptr);
     AudioUnitViewController& controller() { return controller_; }
 
 private:

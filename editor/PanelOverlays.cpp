@@ -861,7 +861,7 @@ const PanelOverlays::Preview& PanelOverlays::previewOf(const std::string& path) 
     preview = Preview{};
     preview.path = path;
     preview.stamp = stamp;
-    TAVPreset file;
+    TAVPreset file(controller.log());
     file.patch->logs = false;
     if (!file.load(path)) {
         preview.reason = file.patch->failure;

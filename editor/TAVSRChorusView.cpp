@@ -122,6 +122,10 @@ const TAVSRChorusView::Control* TAVSRChorusView::control(const std::string& mode
     return find(kGroupC, mode);
 }
 
+LogChannel& TAVSRChorusView::log() const {
+    return viewController ? viewController->log() : standardLog();
+}
+
 EditorAudioUnit* TAVSRChorusView::audioUnit() const {
     return viewController ? viewController->audioUnit() : nullptr;
 }
@@ -143,7 +147,7 @@ void TAVSRChorusView::send(std::int64_t address, float value) {
     if (!delegate) {
         LineBuilder<> line;
         line << "TAVSRChorusView : ERROR: no delegate to set parameter " << address << "\n";
-        debugprint(line.view());
+        log().debugprint(line.view());
         return;
     }
     delegate->onTAVSRChorusViewParameter(address, value);
@@ -168,13 +172,15 @@ void TAVSRChorusView::setParameter(std::int64_t address, float value) {
             const float v = std::clamp(value, -1.0f, 127.0f);
             baseClass.*kControllerFields[address - kFirstControllerAddress] = int(v);
         } else {
-            debugprint("TAVSRChorusView : ERROR: a non-finite controller number is ignored\n");
+            log().debugprint(
+                "TAVSRChorusView : ERROR: a non-finite controller number is ignored\n");
         }
     }
     LineBuilder<> line;
     line << "editor received parameter : address:" << address << ", value:" << shortest(value)
          << "\n";
-    debugprint(line.view());
+    // One line per value: a trace, which hosts that keep levels usually hide.
+    log().trace(line.view());
     setNeedsDisplay();
 }
 

@@ -13,6 +13,10 @@
 
 #include "editor/TAVSRChorusViewBase.h"
 
+namespace sr {
+class LogChannel;
+}
+
 namespace sr::editor {
 
 class AudioUnitViewController;
@@ -70,6 +74,8 @@ public:
     std::function<void(unsigned)> controlEvents;
 
     EditorAudioUnit* audioUnit() const;
+    // The host controller's log, standard output without one.
+    LogChannel& log() const;
 
     // From the host controller: a parameter's value changed in the unit.
     void setParameter(std::int64_t address, float value);

@@ -3,6 +3,8 @@
 TAV_SR_Chorus_Extension_Parameters::TAV_SR_Chorus_Extension_Parameters(
     TAV_SR_Chorus_ExtensionDSPKernelAdapter& adapter)
     : tree(createParameterTree()) {
+    tree->log = &adapter.log();
+
     tree->implementorValueObserver = [&adapter](AUParameter* param, AUValue value) {
         adapter.setParameter(param, value);
     };

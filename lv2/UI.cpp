@@ -67,9 +67,12 @@ public:
 
 private:
     UI(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host, LV2_URID_Map* map,
-       const LV2UI_Touch* touch);
+       const LV2UI_Touch* touch, LogChannel::Sink logSink);
+    void note(std::string_view text);
     void touch(AUParameterAddress address, bool grabbed);
 
+    // First made, last gone: everything below prints on it.
+    LogChannel logChannel;
     LV2UI_Write_Function write;
     LV2UI_Controller host;
     const LV2UI_Touch* touchFeature;
@@ -84,8 +87,9 @@ private:
 };
 
 UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_URID_Map* map,
-       const LV2UI_Touch* t)
-    : write(w), host(h), touchFeature(t), messages(map), mirror(this) {
+       const LV2UI_Touch* t, LogChannel::Sink logSink)
+    : logChannel(std::move(logSink)), write(w), host(h), touchFeature(t), messages(map),
+      mirror(this), controller(&logChannel) {
     // The shipped presets lie in the bundle; the browser copies them where it lists them.
     if (bundlePath) controller.resourcesPath = bundlePath;
     controller.viewDidLoad();
@@ -107,16 +111,17 @@ UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Control
         log("ERROR: the host gave no write function; no editor");
         return nullptr;
     }
-    if (!map) log("WARNING: no urid:map from the host: values changed by MIDI will not show");
-
-    std::unique_ptr<UI> ui(new UI(bundlePath, write, host, map, touch));
+    std::unique_ptr<UI> ui(
+        new UI(bundlePath, write, host, map, touch,
+               hostLog(static_cast<const LV2_Log_Log*>(findFeature(features, LV2_LOG__log)), map)));
+    if (!map) ui->note("WARNING: no urid:map from the host: values changed by MIDI will not show");
     const float scale = scaleFactor(options, map);
     const int width = int(std::lround(1024 * scale));
     const int height = int(std::lround(400 * scale));
     ui->window =
         std::make_unique<x11::PanelWindow>(ui->controller, parent, width, height, kPluginName);
     if (!ui->window->ok()) {
-        log("ERROR: " + ui->window->error() + "; no editor");
+        ui->note("ERROR: " + ui->window->error() + "; no editor");
         return nullptr;
     }
     // Told even though it is not asked for: hosts that offer it size their frame by it.
@@ -129,6 +134,12 @@ UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Control
         write(host, kMIDIIn, std::uint32_t(lv2_atom_total_size(request)),
               ui->messages.eventTransfer(), request);
     return ui.release();
+}
+
+void UI::note(std::string_view text) {
+    LineBuilder<> line;
+    line << kLogPrefix << text << "\n";
+    logChannel.debugprint(line.view());
 }
 
 void UI::writeParameter(AUParameterAddress address, AUValue value) {

@@ -25,16 +25,7 @@ need() {
 
 [ -f "$BUNDLE/manifest.ttl" ] || fail "no bundle at $BUNDLE (build the sr_lv2_bundle target)"
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/sr-lv2host.XXXXXX")
-# Tests add their own clean-up steps to this list; it runs last-in first-out.
-CLEANUP=()
-cleanup() {
-    local i
-    for ((i = ${#CLEANUP[@]} - 1; i >= 0; i--)); do eval "${CLEANUP[i]}" || true; done
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
+source "$HERE/../workdir.sh" sr-lv2host
 
 # lilv knows class labels and port types only from the LV2 vocabulary bundles (core, atom,
 # ...), so links to those join the build tree's folder. They declare no plug-in, so no

@@ -2,7 +2,7 @@
 # The editor in a real host: jalv.gtk3 embeds it on a private Xvfb display, with a private dummy
 # JACK server, at GTK scale 1 and 2. A screenshot shows the panel (its size and a few pixels),
 # and a drag on the depth knob with xdotool changes the plug-in's depth (the plug-in logs every
-# value it receives). Screenshots are kept in BUILD/test-screenshots/.
+# value it takes, into jalv's log). Screenshots are kept in BUILD/test-screenshots/.
 source "$(dirname "$0")/common.sh"
 cd "$WORK"
 source "$HERE/x11host.sh"
@@ -11,7 +11,8 @@ run_at_scale() {
     local scale=$1 client=sr-jalv-ui$1 width=$((1024 * $1)) height=$((400 * $1))
     mkfifo "commands$scale"
     exec 3<>"commands$scale"
-    GDK_SCALE=$scale stdbuf -oL jalv.gtk3 -n "$client" "$URI" <&3 >"jalv$scale.out" \
+    # -t: the plug-in's trace lines too (it logs each value it takes) in jalv's log.
+    GDK_SCALE=$scale stdbuf -oL jalv.gtk3 -t -n "$client" "$URI" <&3 >"jalv$scale.out" \
         2>"jalv$scale.err" &
     local jalv=$!
     # The editor's window: the child of jalv's top-level that has the panel's size.
@@ -44,11 +45,18 @@ run_at_scale() {
     [ "$STATUS" = 0 ] || fail "jalv.gtk3 exited with status $STATUS: $(cat "jalv$scale.err")"
     # The plug-in logs each value it takes: depth went from 0.33 to 0.53.
     local last
-    last=$(grep -o 'unit received parameter : address:7, value:[0-9.]*' "jalv$scale.out" |
-        tail -n1 | sed 's/.*value://')
+    last=$(cat "jalv$scale.out" "jalv$scale.err" |
+        grep -o 'unit received parameter : address:7, value:[0-9.]*' | tail -n1 |
+        sed 's/.*value://' || true)
     [ -n "$last" ] || fail "the plug-in's depth never changed at scale $scale"
     awk -v v="$last" 'BEGIN { exit !(v > 0.50 && v < 0.56) }' ||
         fail "depth is $last after the drag at scale $scale, not about 0.53"
+    # The editor's log goes where the plug-in's goes: jalv's log, not standard output.
+    grep -q 'editor received parameter : address:7' "jalv$scale.err" ||
+        fail "the editor's log lines did not reach jalv's log at scale $scale"
+    if grep -q 'editor received parameter' "jalv$scale.out"; then
+        fail "the editor printed on jalv's standard output at scale $scale"
+    fi
     if grep -Ei 'error|critical' "jalv$scale.err" "jalv$scale.out" | grep -v 'address:'; then
         fail "jalv.gtk3 or the editor reported errors at scale $scale"
     fi

@@ -1,20 +1,22 @@
 # shellcheck shell=bash
 # Sourced by the tests that run the editor in a real host (after common.sh): a private Xvfb
-# display and a private dummy JACK server, each named from the test's PID and stopped by PID on
+# display and a private dummy JACK server (named from the test's PID), both stopped by PID on
 # exit; the editor's window in jalv.gtk3; pixels of screenshots.
 need Xvfb xdotool import convert xwininfo jackd jack_wait jalv.gtk3 stdbuf
 SHOTS=$(cd "$LV2_DIR/.." && pwd)/test-screenshots
 mkdir -p "$SHOTS"
 
-# A display number of our own, from our PID, skipping any in use.
-n=$((200 + $$ % 500))
-while [ -e "/tmp/.X$n-lock" ] || [ -e "/tmp/.X11-unix/X$n" ]; do n=$((n + 1)); done
-export DISPLAY=:$n
-Xvfb "$DISPLAY" -screen 0 2400x1200x24 -nolisten tcp >"$WORK/xvfb.log" 2>&1 &
+# An X server of our own; -displayfd lets it pick a free display.
+Xvfb -displayfd 4 -screen 0 2400x1200x24 -nolisten tcp 4>"$WORK/display.txt" >"$WORK/xvfb.log" 2>&1 &
 XVFB=$!
 CLEANUP+=("stop $XVFB")
-for ((i = 0; i < 100; i++)); do xwininfo -root >/dev/null 2>&1 && break; sleep 0.1; done
-xwininfo -root >/dev/null 2>&1 || fail "Xvfb did not start: $(cat "$WORK/xvfb.log")"
+for ((i = 0; i < 100; i++)); do
+    [ -s "$WORK/display.txt" ] && break
+    kill -0 "$XVFB" 2>/dev/null || fail "Xvfb did not start: $(cat "$WORK/xvfb.log")"
+    sleep 0.1
+done
+[ -s "$WORK/display.txt" ] || fail "Xvfb named no display in 10 s"
+export DISPLAY=:$(cat "$WORK/display.txt")
 
 SERVER=srui$$
 export JACK_DEFAULT_SERVER=$SERVER JACK_NO_START_SERVER=1
