@@ -84,8 +84,22 @@ void writePanel(const std::string& path, const Options& options,
     for (std::size_t a = 0; a < kParameterCount; ++a)
         values[a] = unit.parameterTree()->parameterWithAddress(a)->value();
     editor::PanelSnapshot snapshot(values, &log.channel());
-    snapshot.controller().pluginView.baseClass.isMainVisible = !options.panelLFOPage;
-    editor::writePanelPNG(snapshot.controller(), path, options.panelWidth, options.panelHeight);
+    editor::AudioUnitViewController& controller = snapshot.controller();
+    controller.pluginView.baseClass.isMainVisible = !options.panelLFOPage;
+    if (!options.panelOverlay.empty()) {
+        controller.performSegue("showPresets");
+        // The preset loaded is marked where the browser lists it under the same name.
+        if (!options.presetFile.empty()) {
+            const std::string listed =
+                controller.documentsPath + "Presets/Factory/" +
+                std::filesystem::path(options.presetFile).filename().string();
+            controller.presetsViewController.currentPath = listed;
+            controller.presetsViewController.tableView.selectPath(listed);
+            controller.overlays.showBrowser();
+        }
+        if (options.panelOverlay == "new-preset") controller.alertFileName();
+    }
+    editor::writePanelPNG(controller, path, options.panelWidth, options.panelHeight);
 }
 
 void writeStateFiles(const Options& options, const PropertyList& state, RenderLog& log) {

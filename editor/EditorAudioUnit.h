@@ -4,6 +4,7 @@
 #pragma once
 
 #include "platform/AUParameterTree.h"
+#include "platform/AudioComponent.h"
 
 namespace sr::editor {
 
@@ -15,6 +16,8 @@ public:
     // Around the changes of one drag, so a host records them as one automation gesture.
     virtual void beginParameterGesture(AUParameterAddress) {}
     virtual void endParameterGesture(AUParameterAddress) {}
+    // The component the unit is: presets are checked against it and written with it.
+    virtual AudioComponentDescription componentDescription() const;
 };
 
 // How a host writes the plug-in's parameters for a mirror: a value, and the begin and end of a

@@ -7,9 +7,9 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2 libjack-jackd2-dev xvfb
     desktop-file-utils
-    libcairo2-dev libpango1.0-dev libx11-dev
+    libcairo2-dev libpango1.0-dev libx11-dev libxkbcommon-dev
     fonts-liberation fonts-dejavu-core fonts-dejavu-extra
-    xdotool imagemagick x11-utils
+    xdotool imagemagick x11-utils x11-xkb-utils
 )
 # Hosts the tests drive when they can be had; a machine without them skips those tests.
 optional=(ardour)

@@ -4,45 +4,8 @@
 # and a drag on the depth knob with xdotool changes the plug-in's depth (the plug-in logs every
 # value it takes, into jalv's log). Screenshots are kept in BUILD/test-screenshots/.
 source "$(dirname "$0")/common.sh"
-need Xvfb xdotool import convert xwininfo jackd jack_wait jalv.gtk3 stdbuf
 cd "$WORK"
-SHOTS=$(cd "$LV2_DIR/.." && pwd)/test-screenshots
-mkdir -p "$SHOTS"
-
-# An X server of our own; -displayfd lets it pick a free display.
-Xvfb -displayfd 4 -screen 0 2400x1200x24 -nolisten tcp 4>display.txt >xvfb.log 2>&1 &
-XVFB=$!
-CLEANUP+=("stop $XVFB")
-for ((i = 0; i < 100; i++)); do
-    [ -s display.txt ] && break
-    kill -0 "$XVFB" 2>/dev/null || fail "Xvfb did not start: $(cat xvfb.log)"
-    sleep 0.1
-done
-[ -s display.txt ] || fail "Xvfb named no display in 10 s"
-export DISPLAY=:$(cat display.txt)
-
-SERVER=srui$$
-export JACK_DEFAULT_SERVER=$SERVER JACK_NO_START_SERVER=1
-jackd -n "$SERVER" -d dummy -r 48000 -p 256 >jackd.log 2>&1 &
-JACKD=$!
-CLEANUP+=("stop $JACKD")
-jack_wait -s "$SERVER" -w -t 10 >/dev/null 2>&1 || fail "jackd did not start: $(cat jackd.log)"
-
-# The colour at x,y of a PNG as "r g b" (0..255).
-pixel() {
-    convert "$1" -format "%[fx:int(255*p{$2,$3}.r)] %[fx:int(255*p{$2,$3}.g)] %[fx:int(255*p{$2,$3}.b)]" info:
-}
-# True when pixel $1 ("r g b") is within $3 of each of $2's components.
-near() {
-    local a b i
-    read -ra a <<<"$1"
-    read -ra b <<<"$2"
-    for i in 0 1 2; do
-        local d=$((a[i] - b[i]))
-        ((d < 0)) && d=$((-d))
-        ((d <= $3)) || return 1
-    done
-}
+source "$HERE/x11host.sh"
 
 run_at_scale() {
     local scale=$1 client=sr-jalv-ui$1 width=$((1024 * $1)) height=$((400 * $1))
@@ -53,22 +16,9 @@ run_at_scale() {
         2>"jalv$scale.err" &
     local jalv=$!
     # The editor's window: the child of jalv's top-level that has the panel's size.
-    local id="" i
-    for ((i = 0; i < 150; i++)); do
-        id=$(xwininfo -root -tree 2>/dev/null | awk -v s="${width}x${height}+" \
-            '$0 ~ s && $0 ~ /has no name/ {print $1}' | tail -n1)
-        [ -n "$id" ] && break
-        kill -0 "$jalv" 2>/dev/null || fail "jalv.gtk3 exited: $(cat "jalv$scale.err")"
-        sleep 0.1
-    done
-    [ -n "$id" ] || {
-        xwininfo -root -tree >&2
-        fail "no ${width}x${height} editor window in jalv.gtk3 at scale $scale"
-    }
+    find_editor "${width}x${height}" "$jalv"
     sleep 1 # the first idle calls draw it
-    local x y
-    x=$(xwininfo -id "$id" | awk '/Absolute upper-left X/ {print $4}')
-    y=$(xwininfo -id "$id" | awk '/Absolute upper-left Y/ {print $4}')
+    local x=$WX y=$WY
     import -window root -crop "${width}x${height}+$x+$y" "shot$scale.png"
     cp "shot$scale.png" "$SHOTS/jalv-ui-scale$scale.png"
     local size
