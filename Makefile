@@ -7,7 +7,8 @@ VALIDATE = $(BUILD)/validate/sr-chorus-validate --fuzz-replay build-fuzz/fuzz/sr
 	--crashers fuzz/crashers --tsan-stress build-tsan/validate/tsan/sr-tsan-stress \
 	--log $(BUILD)/validate.log $(BUILD)/lv2/tav-sr-chorus.lv2
 
-.PHONY: all deps configure build test validate demo bench bench-lv2 format clean install-user
+.PHONY: all deps configure build test validate demo bench bench-lv2 format clean install-user \
+	docs-panel
 
 all: build
 
@@ -31,6 +32,23 @@ validate: build sanitizer-builds
 demo: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
 
+# The README's pictures of the editor panel, both pages, with a factory preset loaded, and of
+# the preset browser and its New Preset dialog over it (the shipped presets in a documents
+# folder of the build tree).
+DOCS_PRESET = presets/Vocal Shimmer.aupreset
+DOCS_DATA = $(abspath $(BUILD))/docs-data
+docs-panel: build
+	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel.png >/dev/null
+	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel-lfo.png \
+		--page lfo >/dev/null
+	@rm -rf "$(DOCS_DATA)" && mkdir -p "$(DOCS_DATA)/tav-sr-chorus/Presets/Factory"
+	@cp presets/*.aupreset "$(DOCS_DATA)/tav-sr-chorus/Presets/Factory/"
+	@XDG_DATA_HOME="$(DOCS_DATA)" $(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" \
+		--panel docs/browser.png --overlay browser >/dev/null
+	@XDG_DATA_HOME="$(DOCS_DATA)" $(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" \
+		--panel docs/new-preset.png --overlay new-preset >/dev/null
+	@echo "docs/panel.png docs/panel-lfo.png docs/browser.png docs/new-preset.png"
+
 bench: build
 	@$(BUILD)/bench/sr-chorus-bench
 
@@ -52,8 +70,9 @@ format:
 clean:
 	@rm -rf $(BUILD) $(DEMO_DIR)
 
-# Sanitizer builds, each in its own folder, with clang, building nothing but their one target:
-# the preset fuzzer (address and undefined behaviour) and the thread stress (ThreadSanitizer).
+# Sanitizer builds, each in its own folder, with clang, building nothing but their targets:
+# the preset fuzzer (address and undefined behaviour), and the thread stress and the app
+# (ThreadSanitizer; the app's tests run it as app.tsan).
 # A folder configured otherwise (another sanitizer or compiler) is started anew.
 comma := ,
 SAN_CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ \
@@ -61,7 +80,7 @@ SAN_CMAKE_FLAGS = -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++
 FUZZ_SANITIZE = address$(comma)undefined
 FUZZ_SECONDS ?= 60
 
-# $(1) folder, $(2) sanitizers, $(3) more cache settings, $(4) target.
+# $(1) folder, $(2) sanitizers, $(3) more cache settings, $(4) targets.
 define sanitizer_build
 	@{ grep -qsx 'SR_SANITIZE:STRING=$(2)' $(1)/CMakeCache.txt && \
 	   grep -qs '^CMAKE_CXX_COMPILER:.*clang++$$' $(1)/CMakeCache.txt; } || rm -rf $(1)
@@ -73,7 +92,7 @@ endef
 
 sanitizer-builds: deps
 	$(call sanitizer_build,build-fuzz,$(FUZZ_SANITIZE),-DSR_FUZZ=ON,sr-fuzz-presets)
-	$(call sanitizer_build,build-tsan,thread,-DSR_FUZZ=OFF,sr-tsan-stress)
+	$(call sanitizer_build,build-tsan,thread,-DSR_FUZZ=OFF,sr-tsan-stress sr-chorus)
 
 # Fuzzes the preset and state reader for FUZZ_SECONDS on one core. New inputs collect in
 # build-fuzz/corpus; the presets, fuzz/seeds and the fixed crashers seed it. A finding is

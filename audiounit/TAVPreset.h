@@ -16,6 +16,7 @@
 
 #include "platform/AUParameterTree.h"
 #include "platform/AudioComponent.h"
+#include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
 
 class TAVPreset;
@@ -79,11 +80,17 @@ public:
 
     bool saveToFile(const std::string& path) const;
     bool loadFromFile(const std::string& path);
+
+    // Why the last load or save failed, in words a user can read; empty after success.
+    mutable std::string failure;
+    // False for a look at a file the user has not asked to load: failures are not logged.
+    bool logs = true;
 };
 
 class TAVPreset {
 public:
-    TAVPreset();
+    // File and format problems are logged on the channel, which must outlive this object.
+    explicit TAVPreset(sr::LogChannel& log = sr::standardLog());
     TAVPreset(const TAVPreset&) = delete;
     TAVPreset& operator=(const TAVPreset&) = delete;
 
@@ -108,4 +115,9 @@ public:
                         float value) const;
     // Tells the delegate every parameter the patch holds, in its order.
     void reportParameters() const;
+
+    void log(const std::string& text) const;
+
+private:
+    sr::LogChannel* logChannel;
 };

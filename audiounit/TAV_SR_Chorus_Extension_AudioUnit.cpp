@@ -16,10 +16,6 @@ constexpr const char* kPrefix = "TAV_SR_Chorus_Extension_AudioUnit";
 
 std::atomic<NSInteger> instancesCreated{0};
 
-void trace(const std::string& member) {
-    sr::debugprint(std::string(kPrefix) + "::" + member + "\n");
-}
-
 std::string boolText(bool value) {
     return value ? "true" : "false";
 }
@@ -36,14 +32,14 @@ std::string doubleText(double value) {
 } // namespace
 
 TAV_SR_Chorus_Extension_AudioUnit::TAV_SR_Chorus_Extension_AudioUnit(
-    const AudioComponentDescription& description, sr::MainQueueExecutor& queue,
+    const AudioComponentDescription& description, sr::MainQueueExecutor& queue, sr::LogChannel& log,
     AudioComponentInstantiationOptions options)
-    : AUAudioUnit(description, options), instance(++instancesCreated), mainQueue(queue),
+    : AUAudioUnit(description, options), instance(++instancesCreated), mainQueue(queue), log_(log),
       documents(sr::userDataDirectory(kDocumentsFolderName)) {
     trace("init() " + fourCharString(description.componentType) + " " +
           fourCharString(description.componentSubType) + " " +
           fourCharString(description.componentManufacturer));
-    kernelAdapter_ = std::make_unique<TAV_SR_Chorus_ExtensionDSPKernelAdapter>();
+    kernelAdapter_ = std::make_unique<TAV_SR_Chorus_ExtensionDSPKernelAdapter>(log_);
     parameters = std::make_unique<TAV_SR_Chorus_Extension_Parameters>(*kernelAdapter_);
     effect_ = std::make_unique<AUPeakLimiter>();
     effect_->run(kernelAdapter_->outputBus());
@@ -51,6 +47,14 @@ TAV_SR_Chorus_Extension_AudioUnit::TAV_SR_Chorus_Extension_AudioUnit(
 
 TAV_SR_Chorus_Extension_AudioUnit::~TAV_SR_Chorus_Extension_AudioUnit() {
     if (renderResourcesAllocated()) deallocateRenderResources();
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::trace(const std::string& member) const {
+    log_.trace(std::string(kPrefix) + "::" + member + "\n");
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::log(const std::string& text) const {
+    log_.debugprint(text + "\n");
 }
 
 // ---- capability answers ------------------------------------------------------------------------
@@ -223,10 +227,11 @@ void TAV_SR_Chorus_Extension_AudioUnit::allocateRenderResources() {
     for (std::size_t i = 0; i < outputs.count(); ++i) outputs[i].setShouldAllocateBuffer(true);
     kernelAdapter_->allocateRenderResources();
 
-    auto report = [](const char* property, bool defined) {
-        sr::debugprint(std::string(kPrefix) +
-                       (defined ? ": The property '" : ": WARNING: The property '") + property +
-                       (defined ? "' is defined.\n" : "' is NOT defined.\n"));
+    auto report = [this](const char* property, bool defined) {
+        const std::string line = std::string(kPrefix) +
+                                 (defined ? ": The property '" : ": WARNING: The property '") +
+                                 property + (defined ? "' is defined.\n" : "' is NOT defined.\n");
+        log_.print(hostBlocksAsTrace ? sr::LogLevel::Trace : sr::levelOfLine(line), line);
     };
     kernelAdapter_->setAUHostMusicalContextBlock(musicalContextBlock);
     report("musicalContextBlock", bool(musicalContextBlock));
@@ -240,11 +245,11 @@ void TAV_SR_Chorus_Extension_AudioUnit::allocateRenderResources() {
 
     unit.inputBusses()[0].setEnabled(true);
     unit.outputBusses()[0].setEnabled(true);
-    auto rates = [&](const char* inputText, const char* outputText) {
-        sr::debugprint(std::string(kPrefix) + inputText +
-                       doubleText(unit.inputBusses()[0].format().sampleRate()) + "\n");
-        sr::debugprint(std::string(kPrefix) + outputText +
-                       doubleText(unit.outputBusses()[0].format().sampleRate()) + "\n");
+    auto rates = [&, this](const char* inputText, const char* outputText) {
+        log(std::string(kPrefix) + inputText +
+            doubleText(unit.inputBusses()[0].format().sampleRate()));
+        log(std::string(kPrefix) + outputText +
+            doubleText(unit.outputBusses()[0].format().sampleRate()));
     };
     rates(": Native wrapped unit input samplerate (prior): ",
           ": Native wrapped unit output samplerate (prior): ");
@@ -252,11 +257,11 @@ void TAV_SR_Chorus_Extension_AudioUnit::allocateRenderResources() {
     const AVAudioFormat format = outputs[0].format();
     if (unit.inputBusses()[0].setFormat(format) != noErr &&
         unit.outputBusses()[0].setFormat(format) != noErr)
-        sr::debugprint(std::string(kPrefix) +
-                       ": WARNING: The format could not be set to the wrapped unit: the limiter "
-                       "does not support " +
-                       doubleText(format.sampleRate()) + " Hz with " +
-                       std::to_string(format.channelCount()) + " channels\n");
+        log(std::string(kPrefix) +
+            ": WARNING: The format could not be set to the wrapped unit: the limiter does not "
+            "support " +
+            doubleText(format.sampleRate()) + " Hz with " + std::to_string(format.channelCount()) +
+            " channels");
     rates(": New wrapped unit input samplerate: ", ": New wrapped unit output samplerate: ");
 
     try {
@@ -323,7 +328,7 @@ AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
             sr::LineBuilder<> line;
             line << kPrefix << "::internalRenderBlock : WARNING: We have a got a bus number != 0 : "
                  << std::int64_t(outputBusNumber) << "\n";
-            sr::safeprint(line.view());
+            log_.safeprint(line.view());
             return noErr;
         }
 
@@ -338,7 +343,7 @@ AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
             if (*midiOut &&
                 (*midiOut)(AUEventSampleTimeImmediate + (event->head.eventSampleTime - start),
                            event->MIDI.cable, event->MIDI.length, event->MIDI.bytes()) != noErr)
-                sr::safeprint("SENDING MIDI OUT failed!\n");
+                log_.safeprint("SENDING MIDI OUT failed!\n");
         }
         // The whole list is handed over once, so each event reaches the mapping once and in
         // order (walking the rest of the list again for every event would multiply the tasks).
@@ -351,7 +356,7 @@ AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
             sr::LineBuilder<> line;
             line << kPrefix << "::internalRenderBlock : ERROR: We have a problem with the kernel! "
                  << std::int32_t(status) << "\n";
-            sr::safeprint(line.view());
+            log_.safeprint(line.view());
         }
 
         if (adapter->getParameterEx(sr::kFinalLimit) == 1.0f) {
@@ -362,7 +367,7 @@ AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
                 line << kPrefix
                      << "::internalRenderBlock : ERROR: We have a problem with the wrapped unit! "
                      << std::int32_t(limited) << "\n";
-                sr::safeprint(line.view());
+                log_.safeprint(line.view());
             }
         }
         if (status == noErr) outputPeak.measure(outputData, frameCount);
@@ -431,14 +436,14 @@ void TAV_SR_Chorus_Extension_AudioUnit::setParameter(std::int32_t address, AUVal
 AUValue TAV_SR_Chorus_Extension_AudioUnit::getParameter(std::int32_t address) {
     AUParameterTree* tree = parameterTree();
     if (!tree) {
-        sr::debugprint("TAV_SR_Chorus_Extension_AudioUnit::getParameter() : ERROR: The parameter "
-                       "tree is nil.\n");
+        log_.debugprint("TAV_SR_Chorus_Extension_AudioUnit::getParameter() : ERROR: The parameter "
+                        "tree is nil.\n");
         return 0.0f;
     }
     AUParameter* parameter = tree->parameterWithAddress(AUParameterAddress(std::int64_t(address)));
     if (!parameter) {
-        sr::debugprint("TAV_SR_Chorus_Extension_AudioUnit::getParameter() : ERROR: The parameter "
-                       "could not be found.\n");
+        log_.debugprint("TAV_SR_Chorus_Extension_AudioUnit::getParameter() : ERROR: The parameter "
+                        "could not be found.\n");
         return 0.0f;
     }
     return kernelAdapter_->valueForParameter(parameter);
@@ -457,14 +462,14 @@ void TAV_SR_Chorus_Extension_AudioUnit::traceEvent(const AURenderEvent* event,
          << " c:" << (status & 0x0F) << " d1:" << std::uint32_t(midi.length > 1 ? bytes[1] : 0)
          << " d2:" << std::uint32_t(midi.length > 2 ? bytes[2] : 0)
          << " length: " << std::uint32_t(midi.length) << "\n";
-    sr::debugprint(line.view());
+    log_.trace(line.view());
 }
 
 void TAV_SR_Chorus_Extension_AudioUnit::updateParameters() {
     AUParameterTree* tree = parameterTree();
     if (!tree) {
-        sr::debugprint("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: The "
-                       "parameter tree is nil.\n");
+        log_.debugprint("TAV_SR_Chorus_Extension_AudioUnit::updateParameters() : ERROR: The "
+                        "parameter tree is nil.\n");
         return;
     }
     for (AUParameter* parameter : tree->allParameters())

@@ -55,9 +55,11 @@ public:
     static constexpr const char* kPresetExtension = ".aupreset";
 
     // The executor runs the MIDI tasks the render block hands over; it must outlive this object,
-    // and its owner drains or discards it before destroying this object.
+    // and its owner drains or discards it before destroying this object. The unit, its kernel,
+    // parameter tree and presets log on the channel, which must outlive them all.
     TAV_SR_Chorus_Extension_AudioUnit(const AudioComponentDescription& description,
                                       sr::MainQueueExecutor& mainQueue,
+                                      sr::LogChannel& log = sr::standardLog(),
                                       AudioComponentInstantiationOptions options = 0);
     ~TAV_SR_Chorus_Extension_AudioUnit() override;
 
@@ -144,7 +146,17 @@ public:
     // This object's number among the audio units created in the process, from 1.
     NSInteger instanceNumber() const { return instance; }
 
+    sr::LogChannel& logChannel() const { return log_; }
+    // The lines that say which host context blocks (musical context, transport state, MIDI
+    // scheduling and output) were supplied, as trace lines: for hosts whose API has no such
+    // blocks, where a missing one is no warning. Before allocateRenderResources().
+    void setHostBlocksReportedAsTrace(bool trace) { hostBlocksAsTrace = trace; }
+
 private:
+    // A member operation's trace line, and any other line (its level from its text).
+    void trace(const std::string& member) const;
+    void log(const std::string& text) const;
+
     void onFoundParameter(NSInteger group, const std::string& identifier, std::uint64_t address,
                           float value) override;
     // "Presets/" with its sub-folders, and the shipped presets where missing.
@@ -164,6 +176,8 @@ private:
 
     const NSInteger instance;
     sr::MainQueueExecutor& mainQueue;
+    sr::LogChannel& log_;
+    bool hostBlocksAsTrace = false;
     std::unique_ptr<TAV_SR_Chorus_ExtensionDSPKernelAdapter> kernelAdapter_;
     std::unique_ptr<TAV_SR_Chorus_Extension_Parameters> parameters;
     std::unique_ptr<AUPeakLimiter> effect_;

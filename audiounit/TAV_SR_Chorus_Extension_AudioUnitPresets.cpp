@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "audiounit/PresetFolders.h"
+#include "audiounit/PresetName.h"
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "platform/AtomicFile.h"
 #include "platform/DocumentsDirectory.h"
@@ -16,19 +18,7 @@ using sr::PropertyList;
 namespace {
 
 constexpr const char* kPresetsFolder = "Presets/";
-constexpr const char* kFactoryFolder = "Presets/Factory/";
 constexpr const char* kUserFolder = "Presets/User/";
-
-void log(const std::string& text) {
-    sr::debugprint(text + "\n");
-}
-
-bool isPresetFile(const fs::path& path) {
-    std::string extension = path.extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return char(std::toupper(c)); });
-    return extension == ".AUPRESET";
-}
 
 bool exists(const std::string& path) {
     std::error_code ec;
@@ -45,10 +35,9 @@ void TAV_SR_Chorus_Extension_AudioUnit::setDocumentsDirectory(std::string path) 
 std::string TAV_SR_Chorus_Extension_AudioUnit::presetPath(const std::string& folder,
                                                           const std::string& name) const {
     // A name from a host or a dialog must not lead outside the folder.
-    if (name.empty() || name == "." || name == ".." || name.size() > 200 ||
-        name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
+    if (const std::optional<std::string> problem = sr::presetNameProblem(name)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::presetPath() : ERROR: The preset name '" + name +
-            "' is not a file name.");
+            "' is not a file name. " + *problem);
         return {};
     }
     return documents + folder + name + kPresetExtension;
@@ -57,7 +46,7 @@ std::string TAV_SR_Chorus_Extension_AudioUnit::presetPath(const std::string& fol
 // ---- state -------------------------------------------------------------------------------------
 
 std::optional<PropertyList> TAV_SR_Chorus_Extension_AudioUnit::fullState() {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.setDescription(componentDescription(), kStateVersion, kStateName);
     if (AUParameterTree* tree = parameterTree()) preset.makeFrom(*tree);
     _fullState = preset.getDictionary();
@@ -69,7 +58,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::setFullState(const std::optional<Propert
     _fullState = state;
     // Read without a delegate, so that nothing of a state reaches the parameters before it is
     // known to be whole and of this component.
-    TAVPreset preset;
+    TAVPreset preset(log_);
     if (!preset.makeFrom(state)) {
         _fullState = std::move(old);
         return false;
@@ -96,35 +85,7 @@ void TAV_SR_Chorus_Extension_AudioUnit::onFoundParameter(NSInteger, const std::s
 // ---- factory presets ---------------------------------------------------------------------------
 
 bool TAV_SR_Chorus_Extension_AudioUnit::ensurePresetFolders() {
-    if (documents.empty()) return false;
-    std::string error;
-    for (const char* folder : {kPresetsFolder, kFactoryFolder, kUserFolder})
-        if (!sr::ensureDirectoryExists(documents + folder, error)) return false;
-    if (factorySource.empty()) return true;
-
-    // Shipped presets go where hosts list them and where the editor's browser looks, but a
-    // file already there, perhaps edited by the user, is never replaced.
-    std::error_code ec;
-    for (fs::directory_iterator it(factorySource, ec), end; !ec && it != end; it.increment(ec)) {
-        if (!it->is_regular_file(ec) || !isPresetFile(it->path())) continue;
-        const std::string name = it->path().filename().string();
-        for (const char* folder : {kPresetsFolder, kFactoryFolder}) {
-            const std::string target = documents + folder + name;
-            if (exists(target)) continue;
-            const sr::LimitedRead source =
-                sr::readFileLimited(it->path().string(), PropertyList::kMaxBytes);
-            try {
-                if (!source.bytes || source.bytes->size() > PropertyList::kMaxBytes)
-                    throw sr::FileError("cannot read it");
-                sr::writeFileAtomically(target, *source.bytes, false);
-            } catch (const sr::FileError& e) {
-                log("TAV_SR_Chorus_Extension_AudioUnit::factoryPresets : ERROR: Could not install "
-                    "the factory preset '" +
-                    name + "': " + e.what());
-            }
-        }
-    }
-    return true;
+    return sr::installPresetFolders(documents, factorySource, log_);
 }
 
 std::vector<AUAudioUnitPreset> TAV_SR_Chorus_Extension_AudioUnit::factoryPresets() {
@@ -157,7 +118,8 @@ std::vector<AUAudioUnitPreset> TAV_SR_Chorus_Extension_AudioUnit::factoryPresets
     NSInteger number = 0;
     for (const fs::path& entry : files) {
         const NSInteger running = number++;
-        if (isPresetFile(entry)) presets.push_back({running, entry.stem().string()});
+        if (sr::isPresetFileName(entry.filename().string()))
+            presets.push_back({running, entry.stem().string()});
     }
     return presets;
 }
@@ -203,7 +165,7 @@ PropertyList TAV_SR_Chorus_Extension_AudioUnit::presetState(const AUAudioUnitPre
         throw AUAudioUnitError(kAudioUnitErr_InvalidFile,
                                "no preset file for '" + preset.name + "'");
     }
-    TAVPreset loaded;
+    TAVPreset loaded(log_);
     loaded.load(path);
     return loaded.getDictionary();
 }
@@ -226,7 +188,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::savePreset(const std::string& filename) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::savePresetFile(const std::string& path) {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.makeFrom(fullState());
     return preset.save(path);
 }
@@ -243,7 +205,7 @@ bool TAV_SR_Chorus_Extension_AudioUnit::loadPreset(const std::string& filename) 
 }
 
 bool TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile(const std::string& path) {
-    TAVPreset preset;
+    TAVPreset preset(log_);
     preset.load(path);
     if (!preset.checkDescription(componentDescription(), kStateVersion)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::loadPresetFile() : ERROR: The component "

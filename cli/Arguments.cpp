@@ -62,6 +62,23 @@ std::uint32_t parseBlock(std::string_view text) {
     return frames;
 }
 
+// "WxH", each 1 to 16384 pixels.
+void parsePanelSize(std::string_view text, Options& options) {
+    const std::size_t x = text.find('x');
+    int w = 0, h = 0;
+    const auto whole = [](std::string_view t, int& v) {
+        const auto [end, error] = std::from_chars(t.data(), t.data() + t.size(), v);
+        return !t.empty() && error == std::errc() && end == t.data() + t.size() && v >= 1 &&
+               v <= 16384;
+    };
+    if (x == std::string_view::npos || !whole(text.substr(0, x), w) ||
+        !whole(text.substr(x + 1), h))
+        throw UsageError("--panel-size takes WIDTHxHEIGHT, each 1 to 16384 pixels, got " +
+                         quoted(text));
+    options.panelWidth = w;
+    options.panelHeight = h;
+}
+
 // Walks the arguments; "--name value" and "--name=value" are both accepted.
 class ArgumentReader {
 public:
@@ -87,7 +104,9 @@ void takeFiles(Options& options, const std::vector<std::string_view>& files) {
         if (!files.empty()) throw UsageError("--demo takes no input or output file");
         return;
     }
-    if (files.empty() && (!options.savePreset.empty() || !options.stateOut.empty())) return;
+    if (files.empty() &&
+        (!options.savePreset.empty() || !options.stateOut.empty() || !options.panelFile.empty()))
+        return;
     if (files.empty()) throw UsageError("missing input and output files (see --help)");
     if (files.size() == 1) throw UsageError("missing output file (see --help)");
     if (files.size() > 2) throw UsageError("unexpected argument " + quoted(files[2]));
@@ -133,10 +152,27 @@ Options parseArguments(int argc, const char* const* argv) {
                                        : option == "--preset"      ? &options.presetFile
                                        : option == "--save-preset" ? &options.savePreset
                                        : option == "--state-out"   ? &options.stateOut
+                                       : option == "--panel"       ? &options.panelFile
+                                       : option == "--log"         ? &options.logFile
                                                                    : nullptr) {
             const std::string_view path = reader.valueFor(option, inlineValue);
             if (path.empty()) throw UsageError(std::string(option) + " needs a file");
             *file = path;
+            continue;
+        } else if (option == "--panel-size") {
+            parsePanelSize(reader.valueFor(option, inlineValue), options);
+            continue;
+        } else if (option == "--page") {
+            const std::string_view page = reader.valueFor(option, inlineValue);
+            if (page != "main" && page != "lfo")
+                throw UsageError("--page takes main or lfo, got " + quoted(page));
+            options.panelLFOPage = page == "lfo";
+            continue;
+        } else if (option == "--overlay") {
+            const std::string_view overlay = reader.valueFor(option, inlineValue);
+            if (overlay != "browser" && overlay != "new-preset")
+                throw UsageError("--overlay takes browser or new-preset, got " + quoted(overlay));
+            options.panelOverlay = overlay;
             continue;
         } else if (option == "--demo") {
             const std::string_view directory = reader.valueFor(option, inlineValue);
@@ -158,7 +194,9 @@ std::string usageText() {
         std::to_string(TAV_SR_Chorus_ExtensionDSPKernelAdapter::kDefaultMaximumFramesToRender);
     return "usage: sr-chorus-render IN OUT [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "                        [--midi FILE.mid] [--midi-out FILE.mid]\n"
-           "                        [--save-preset FILE] [--state-out FILE]\n"
+           "                        [--save-preset FILE] [--state-out FILE] [--log FILE]\n"
+           "                        [--panel FILE.png [--panel-size WxH] [--page main|lfo]\n"
+           "                         [--overlay browser|new-preset]]\n"
            "       sr-chorus-render --demo DIR [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "       sr-chorus-render [--preset FILE] [--set ID=VALUE]... --save-preset FILE\n"
            "       sr-chorus-render --list | --help\n"
@@ -179,8 +217,18 @@ std::string usageText() {
            "                  before the --set values; a refused file stops the run\n"
            "  --save-preset FILE  write the settings (preset, then --set) as a preset file\n"
            "  --state-out FILE    write the same settings as the saved state a host keeps\n"
+           "  --panel FILE    draw the editor panel for the settings into a PNG (no display\n"
+           "                  needed); with no IN and OUT nothing is rendered\n"
+           "  --panel-size WxH  the image's size in pixels (default 1024x400); the panel\n"
+           "                  keeps its proportions, centred\n"
+           "  --page main|lfo which page of knobs the panel shows (default main)\n"
+           "  --overlay browser|new-preset  draw the panel with the preset browser open (the\n"
+           "                  presets of the documents folder), or with the New Preset dialog\n"
+           "                  over it\n"
+           "  --log FILE      write the plug-in's own log lines to FILE ('-': standard output);\n"
+           "                  without it they are not kept\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
-           "                  and write DIR/demo-dry.wav and DIR/demo-wet.wav\n"
+           "                  and write DIR/demo-dry.wav, DIR/demo-wet.wav and DIR/panel.png\n"
            "  --list          list the parameters with their ranges and defaults\n"
            "  --help          show this text\n"
            "\n"

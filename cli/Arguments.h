@@ -23,6 +23,12 @@ struct Options {
     std::string presetFile;    // --preset: loaded before the --set values
     std::string savePreset;    // --save-preset: the state after --set, as a preset file
     std::string stateOut;      // --state-out: the same state as the host-facing dictionary
+    std::string panelFile;     // --panel: the editor panel for the settings, as a PNG
+    int panelWidth = 1024;     // --panel-size WxH
+    int panelHeight = 400;
+    bool panelLFOPage = false; // --page lfo
+    std::string panelOverlay;  // --overlay browser|new-preset: what is open over the panel
+    std::string logFile;       // --log: where the audio unit's log goes ("-": standard output)
     std::vector<ParameterSetting> settings;
     std::uint32_t blockFrames = 512;
     bool list = false;
@@ -30,7 +36,8 @@ struct Options {
 
     // Only state files are asked for: nothing is rendered.
     bool stateOnly() const {
-        return input.empty() && demoDirectory.empty() && (!savePreset.empty() || !stateOut.empty());
+        return input.empty() && demoDirectory.empty() &&
+               (!savePreset.empty() || !stateOut.empty() || !panelFile.empty());
     }
 };
 

@@ -24,8 +24,9 @@ bool isValidValue(const ParameterInfo& parameter, float value) {
 }
 
 OfflineRenderer::OfflineRenderer(double sampleRate, std::uint32_t channels,
-                                 std::uint32_t blockFrames, std::vector<TimedMidiMessage> midiInput)
-    : sampleRate_(sampleRate), channels_(channels), blockFrames_(blockFrames),
+                                 std::uint32_t blockFrames, std::vector<TimedMidiMessage> midiInput,
+                                 LogChannel& log)
+    : sampleRate_(sampleRate), channels_(channels), blockFrames_(blockFrames), mainQueue_(log),
       midiInput_(std::move(midiInput)), events_(std::make_unique<RenderEventList<>>()) {
     if (blockFrames < 1 || blockFrames > kMaxBlockFrames)
         throw std::invalid_argument("block size " + std::to_string(blockFrames) +
@@ -43,7 +44,7 @@ OfflineRenderer::OfflineRenderer(double sampleRate, std::uint32_t channels,
     recordedBytes_.reserve(bytes);
 
     unit_ = std::make_unique<TAV_SR_Chorus_Extension_AudioUnit>(kTAVSRChorusComponentDescription,
-                                                                mainQueue_);
+                                                                mainQueue_, log);
     configureBusses();
     unit_->setMIDIOutputEventBlock(
         [this](AUEventSampleTime time, std::uint8_t, NSInteger length, const std::uint8_t* data) {

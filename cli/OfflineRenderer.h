@@ -15,6 +15,7 @@
 #include "cli/MidiMessage.h"
 #include "kernel/ParameterTable.h"
 #include "platform/MainQueue.h"
+#include "platform/PrintQueue.h"
 #include "platform/RenderEventList.h"
 
 namespace sr::cli {
@@ -32,10 +33,11 @@ public:
 
     // Throws std::invalid_argument for a block outside 1..16384, a channel count outside 1..8
     // or a sample rate the busses refuse, and AUAudioUnitError when the unit cannot allocate.
-    // The MIDI messages (sorted by frame) are fed to the unit at their frames.
+    // The MIDI messages (sorted by frame) are fed to the unit at their frames. The unit logs on
+    // the channel, which must outlive the renderer.
     OfflineRenderer(double sampleRate, std::uint32_t channels,
                     std::uint32_t blockFrames = kDefaultBlockFrames,
-                    std::vector<TimedMidiMessage> midiInput = {});
+                    std::vector<TimedMidiMessage> midiInput = {}, LogChannel& log = standardLog());
     ~OfflineRenderer();
     OfflineRenderer(const OfflineRenderer&) = delete;
     OfflineRenderer& operator=(const OfflineRenderer&) = delete;

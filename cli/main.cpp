@@ -16,7 +16,9 @@
 #include "cli/MidiFiles.h"
 #include "cli/OfflineRenderer.h"
 #include "cli/ProgressBar.h"
+#include "cli/RenderLog.h"
 #include "cli/SoundFiles.h"
+#include "editor/PanelImage.h"
 #include "platform/AtomicFile.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
@@ -55,30 +57,61 @@ void renderOrThrow(OfflineRenderer& renderer, const float* input, float* output,
         throw Error("the render call failed with status " + std::to_string(status));
 }
 
+// A refusal's one line: what could not be done, and why, as the unit logged it first since the
+// step began (its error count then).
+Error refusal(const std::string& what, RenderLog& log, std::size_t errorsBefore) {
+    const std::string reason = log.firstErrorFrom(errorsBefore);
+    return Error(reason.empty() ? what : what + ": " + reason);
+}
+
 // The --preset file, then the --set values. Returns the state they make, for the state files
 // written once everything else has succeeded.
-PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options) {
+PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options, RenderLog& log) {
     TAV_SR_Chorus_Extension_AudioUnit& unit = renderer.audioUnit();
-    if (!options.presetFile.empty() && !unit.loadPresetFile(options.presetFile)) {
-        sr::printQueue().flush(); // the reason, logged by the unit, comes first
-        throw Error("cannot use the preset '" + options.presetFile + "' (see the log above)");
-    }
+    const std::size_t errorsBefore = log.errorCount();
+    if (!options.presetFile.empty() && !unit.loadPresetFile(options.presetFile))
+        throw refusal("cannot use the preset '" + options.presetFile + "'", log, errorsBefore);
     for (const ParameterSetting& s : options.settings)
         if (!renderer.set(s.parameter->identifier, s.value))
             throw Error("cannot set " + std::string(s.parameter->identifier));
     return unit.fullState().value_or(PropertyList{});
 }
 
-void writeStateFiles(const Options& options, const PropertyList& state) {
+// The editor panel as a host would show it for the unit's current settings.
+void writePanel(const std::string& path, const Options& options,
+                TAV_SR_Chorus_Extension_AudioUnit& unit, RenderLog& log) {
+    float values[kParameterCount];
+    for (std::size_t a = 0; a < kParameterCount; ++a)
+        values[a] = unit.parameterTree()->parameterWithAddress(a)->value();
+    editor::PanelSnapshot snapshot(values, &log.channel());
+    editor::AudioUnitViewController& controller = snapshot.controller();
+    controller.pluginView.baseClass.isMainVisible = !options.panelLFOPage;
+    if (!options.panelOverlay.empty()) {
+        controller.performSegue("showPresets");
+        // The preset loaded is marked where the browser lists it under the same name.
+        if (!options.presetFile.empty()) {
+            const std::string listed =
+                controller.documentsPath + "Presets/Factory/" +
+                std::filesystem::path(options.presetFile).filename().string();
+            controller.presetsViewController.currentPath = listed;
+            controller.presetsViewController.tableView.selectPath(listed);
+            controller.overlays.showBrowser();
+        }
+        if (options.panelOverlay == "new-preset") controller.alertFileName();
+    }
+    editor::writePanelPNG(controller, path, options.panelWidth, options.panelHeight);
+}
+
+void writeStateFiles(const Options& options, const PropertyList& state, RenderLog& log) {
     if (!options.savePreset.empty()) {
-        TAVPreset preset;
+        const std::size_t errorsBefore = log.errorCount();
+        TAVPreset preset(log.channel());
         const bool made = preset.makeFrom(state);
         // A preset file carries its own name, as the factory presets do.
         preset.patch->name = std::filesystem::path(options.savePreset).stem().string();
-        if (!made || !preset.save(options.savePreset)) {
-            sr::printQueue().flush();
-            throw Error("cannot write the preset '" + options.savePreset + "'");
-        }
+        if (!made || !preset.save(options.savePreset))
+            throw refusal("cannot write the preset '" + options.savePreset + "'", log,
+                          errorsBefore);
     }
     if (!options.stateOut.empty()) {
         const std::optional<std::string> xml = state.toXML();
@@ -87,9 +120,12 @@ void writeStateFiles(const Options& options, const PropertyList& state) {
     }
 }
 
-int writeStateOnly(const Options& options) {
-    OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames);
-    writeStateFiles(options, prepareUnit(renderer, options));
+int writeStateOnly(const Options& options, RenderLog& log) {
+    OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
+                             {}, log.channel());
+    writeStateFiles(options, prepareUnit(renderer, options, log), log);
+    if (!options.panelFile.empty())
+        writePanel(options.panelFile, options, renderer.audioUnit(), log);
     return 0;
 }
 
@@ -122,13 +158,15 @@ void finishMidi(const Options& options, const OfflineRenderer& renderer) {
         writeMidiFile(options.midiOutput, renderer.midiOutput(), renderer.sampleRate());
 }
 
-int renderFile(const Options& options) {
+int renderFile(const Options& options, RenderLog& log) {
     const int format = outputFormatFor(options.output);
     InputFile input(options.input);
     checkChannels(options.input, input.channels());
     OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
-                             midiInput(options, input.sampleRate()));
-    const PropertyList state = prepareUnit(renderer, options);
+                             midiInput(options, input.sampleRate()), log.channel());
+    const PropertyList state = prepareUnit(renderer, options, log);
+    if (!options.panelFile.empty())
+        writePanel(options.panelFile, options, renderer.audioUnit(), log);
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
     const std::size_t chunk = chunkFrames(options.blockFrames);
@@ -145,7 +183,7 @@ int renderFile(const Options& options) {
     progress.finish();
     input.close();
     finishMidi(options, renderer);
-    writeStateFiles(options, state);
+    writeStateFiles(options, state, log);
     output.commit();
     return 0;
 }
@@ -163,11 +201,13 @@ double peakDbfs(const std::vector<float>& samples) {
 }
 
 // The demo through the plug-in; the audio unit is gone (and has logged its last line) on return.
-std::vector<float> renderDemo(const Options& options, const DemoSignal& dry) {
+std::vector<float> renderDemo(const Options& options, const DemoSignal& dry,
+                              const std::string& panelPath, RenderLog& log) {
     std::vector<float> wet(dry.samples.size());
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
-                             midiInput(options, DemoSignal::kSampleRate));
-    const PropertyList state = prepareUnit(renderer, options);
+                             midiInput(options, DemoSignal::kSampleRate), log.channel());
+    const PropertyList state = prepareUnit(renderer, options, log);
+    writePanel(panelPath, options, renderer.audioUnit(), log);
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
     for (std::size_t frame = 0; frame < dry.frames(); frame += chunk) {
@@ -179,11 +219,11 @@ std::vector<float> renderDemo(const Options& options, const DemoSignal& dry) {
     }
     progress.finish();
     finishMidi(options, renderer);
-    writeStateFiles(options, state);
+    writeStateFiles(options, state, log);
     return wet;
 }
 
-int runDemo(const Options& options) {
+int runDemo(const Options& options, RenderLog& log) {
     namespace fs = std::filesystem;
     const fs::path directory(options.demoDirectory);
     std::error_code error;
@@ -191,19 +231,23 @@ int runDemo(const Options& options) {
     if (error) throw Error("cannot create '" + directory.string() + "': " + error.message());
 
     const DemoSignal dry = makeDemoSignal();
-    const std::vector<float> wet = renderDemo(options, dry);
+    const std::string panelPath =
+        options.panelFile.empty() ? (directory / "panel.png").string() : options.panelFile;
+    const std::vector<float> wet = renderDemo(options, dry, panelPath, log);
     const std::string dryPath = (directory / "demo-dry.wav").string();
     const std::string wetPath = (directory / "demo-wet.wav").string();
     writeWholeFile(dryPath, dry.samples);
     writeWholeFile(wetPath, wet);
 
-    sr::printQueue().flush(); // the kernel's lines before the summary
+    log.channel().flush(); // with --log -, the unit's lines before the summary
     std::printf("demo: %.2f s at %d Hz, stereo: plucked chords (250 Hz to 1.5 kHz), bass below "
                 "150 Hz, hi-hat on top\n",
                 dry.seconds(), DemoSignal::kSampleRate);
     std::printf("  %-40s peak %6.1f dBFS  (input)\n", dryPath.c_str(), peakDbfs(dry.samples));
     std::printf("  %-40s peak %6.1f dBFS  (%s)\n", wetPath.c_str(), peakDbfs(wet),
                 options.settings.empty() ? "default settings" : "with the --set values");
+    std::printf("  %-40s the editor panel, %d x %d\n", panelPath.c_str(), options.panelWidth,
+                options.panelHeight);
     return 0;
 }
 
@@ -245,9 +289,10 @@ int run(int argc, const char* const* argv) {
         }
         if (options.list) return listParameters();
         installInterruptHandlers();
-        if (!options.demoDirectory.empty()) return runDemo(options);
-        if (options.stateOnly()) return writeStateOnly(options);
-        return renderFile(options);
+        RenderLog log(options.logFile);
+        if (!options.demoDirectory.empty()) return runDemo(options, log);
+        if (options.stateOnly()) return writeStateOnly(options, log);
+        return renderFile(options, log);
     } catch (const UsageError& e) {
         reportError(e.what());
         return 2;
@@ -261,7 +306,5 @@ int run(int argc, const char* const* argv) {
 } // namespace sr::cli
 
 int main(int argc, char** argv) {
-    const int status = sr::cli::run(argc, argv);
-    sr::printQueue().flush(); // the kernel's log lines are written by another thread
-    return status;
+    return sr::cli::run(argc, argv);
 }

@@ -97,6 +97,20 @@ inline constexpr std::array<ParameterInfo, kParameterCount> kParameterTable{{
     {28, "kChorusDryWetController", "Chorus Mix CCO", -1, 127, 24, U::Indexed},
 }};
 
+// The LFO's two shapes: only the exact end of LFO Shape's range picks the triangle, so hosts
+// offer the two values by name rather than a range.
+struct ParameterValueName {
+    float value;
+    std::string_view name;
+};
+inline constexpr std::array<ParameterValueName, 2> kLFOShapeNames{{{0, "Sine"}, {1, "Triangle"}}};
+
+// The display contrast sets how the editor looks, not how anything sounds: saved and
+// automatable like every parameter, but not a control a host's own view needs to show.
+inline constexpr bool isDisplaySetting(std::uint64_t address) {
+    return address == kDisplayContrast;
+}
+
 inline const ParameterInfo* parameterInfo(std::uint64_t address) {
     return address < kParameterCount ? &kParameterTable[address] : nullptr;
 }

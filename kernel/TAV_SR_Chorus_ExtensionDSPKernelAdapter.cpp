@@ -3,7 +3,9 @@
 #include <cmath>
 #include <memory>
 
-TAV_SR_Chorus_ExtensionDSPKernelAdapter::TAV_SR_Chorus_ExtensionDSPKernelAdapter() {
+TAV_SR_Chorus_ExtensionDSPKernelAdapter::TAV_SR_Chorus_ExtensionDSPKernelAdapter(
+    sr::LogChannel& log)
+    : kernel(log) {
     const AVAudioFormat format = AVAudioFormat::standardFormatWithSampleRate(48000.0, 2);
     kernel.init(int(format.channelCount()), format.sampleRate());
     inputBus_.init(format, 2);

@@ -17,8 +17,9 @@ class TAV_SR_Chorus_ExtensionDSPKernelAdapter {
 public:
     static constexpr AUAudioFrameCount kDefaultMaximumFramesToRender = 4096;
 
-    // Default format 48 kHz stereo; the kernel is initialised with it.
-    TAV_SR_Chorus_ExtensionDSPKernelAdapter();
+    // Default format 48 kHz stereo; the kernel is initialised with it. The kernel logs on the
+    // channel, which must outlive this object.
+    explicit TAV_SR_Chorus_ExtensionDSPKernelAdapter(sr::LogChannel& log = sr::standardLog());
 
     AUAudioUnitBus& inputBus() { return *inputBus_.bus; }
     AUAudioUnitBus& outputBus() { return *outputBus_; }
@@ -57,6 +58,8 @@ public:
                              const AURenderEvent* realtimeEventListHead,
                              AURenderPullInputBlock pullInputBlock);
     AUAudioUnitStatus render2(AUAudioFrameCount frameCount, AudioBufferList* outputData);
+
+    sr::LogChannel& log() const { return kernel.log(); }
 
     // The kernel, for inspection. Not to be changed from other threads while rendering.
     TAV_SR_Chorus_Extension_DSPKernel& getKernel() { return kernel; }

@@ -14,9 +14,9 @@ constexpr int kChorusIndexForAddress[] = {6, 7, 8, 9, 1, 2, 3, 4, 5};
 
 } // namespace
 
-TAV_SR_Chorus_Extension_DSPKernel::TAV_SR_Chorus_Extension_DSPKernel() {
+TAV_SR_Chorus_Extension_DSPKernel::TAV_SR_Chorus_Extension_DSPKernel(sr::LogChannel& log)
+    : log_(log) {
     for (auto& p : parameters) p.store(0.0f, std::memory_order_relaxed);
-    (void)sr::printQueue(); // started here, never first from the render thread
 
     denormalKill.resize(size_t(globals.SOUND_BUFFER_SIZE));
     for (float& v : denormalKill) {
@@ -77,7 +77,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::setParameter(AUParameterAddress address,
         line << "TAV_SR_Chorus_Extension_DSPKernel::setParameter : WARNING: non-finite value "
                 "refused for address:"
              << std::uint64_t(address) << "\n";
-        sr::safeprint(line.view());
+        log_.safeprint(line.view());
         return;
     }
     value = sr::clampToRange(*info, value);
@@ -86,7 +86,7 @@ void TAV_SR_Chorus_Extension_DSPKernel::setParameter(AUParameterAddress address,
     sr::LineBuilder<> line;
     line << "unit received parameter : address:" << std::uint64_t(address) << ", value:";
     line.fixed(double(value)) << "\n";
-    sr::safeprint(line.view());
+    log_.trace(line.view());
 
     switch (address) {
     case sr::kFrequencySplitLP:

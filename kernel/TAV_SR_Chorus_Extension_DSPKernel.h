@@ -17,13 +17,15 @@
 #include "kernel/DSPKernel.h"
 #include "kernel/GainRamp.h"
 #include "kernel/ParameterTable.h"
+#include "platform/PrintQueue.h"
 #include "util/Modulator.h"
 
 class TAV_SR_Chorus_Extension_DSPKernel : public DSPKernel {
 public:
     static constexpr int kMaxSlice = BandSplitFilter3::kMaxFrames;
 
-    TAV_SR_Chorus_Extension_DSPKernel();
+    // Logs on the channel, which must outlive the kernel.
+    explicit TAV_SR_Chorus_Extension_DSPKernel(sr::LogChannel& log = sr::standardLog());
     ~TAV_SR_Chorus_Extension_DSPKernel();
 
     void init(int channelCount, double sampleRate);
@@ -44,6 +46,7 @@ public:
     bool getBypassed() const { return bypassed.load(std::memory_order_relaxed); }
     void setBypassed(bool value) { bypassed.store(value, std::memory_order_relaxed); }
     bool getMidiThrough() const { return midiThrough; }
+    sr::LogChannel& log() const { return log_; }
     int getChannelCount() const { return channelCount; }
 
     void process2(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
@@ -68,6 +71,7 @@ private:
     void applyUpperSplit();
     void settleSplitPoints();
 
+    sr::LogChannel& log_;
     std::array<float, kMaxSlice> workLeft{};
     std::array<float, kMaxSlice> workRight{};
     int channelCount = 2;

@@ -14,6 +14,10 @@ public:
 
     AUParameterTree& parameterTree() { return *tree; }
 
+    // The tree of the parameter table, every parameter at its default, with no implementor:
+    // the plug-in's own tree, and any mirror of it an editor keeps.
+    static std::unique_ptr<AUParameterTree> createParameterTree();
+
     // The string every parameter's value is shown with.
     static constexpr const char* kValueFormat = "%";
 

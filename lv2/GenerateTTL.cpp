@@ -29,10 +29,12 @@ constexpr const char* kPrefixes = R"(@prefix atom: <http://lv2plug.in/ns/ext/ato
 @prefix bufsz: <http://lv2plug.in/ns/ext/buf-size#> .
 @prefix doap: <http://usefulinc.com/ns/doap#> .
 @prefix foaf: <http://xmlns.com/foaf/0.1/> .
+@prefix log: <http://lv2plug.in/ns/ext/log#> .
 @prefix lv2: <http://lv2plug.in/ns/lv2core#> .
 @prefix midi: <http://lv2plug.in/ns/ext/midi#> .
 @prefix opts: <http://lv2plug.in/ns/ext/options#> .
 @prefix param: <http://lv2plug.in/ns/ext/parameters#> .
+@prefix patch: <http://lv2plug.in/ns/ext/patch#> .
 @prefix pg: <http://lv2plug.in/ns/ext/port-groups#> .
 @prefix pprops: <http://lv2plug.in/ns/ext/port-props#> .
 @prefix pset: <http://lv2plug.in/ns/ext/presets#> .
@@ -40,6 +42,7 @@ constexpr const char* kPrefixes = R"(@prefix atom: <http://lv2plug.in/ns/ext/ato
 @prefix rdfs: <http://www.w3.org/2000/01/rdf-schema#> .
 @prefix rsz: <http://lv2plug.in/ns/ext/resize-port#> .
 @prefix state: <http://lv2plug.in/ns/ext/state#> .
+@prefix ui: <http://lv2plug.in/ns/extensions/ui#> .
 @prefix urid: <http://lv2plug.in/ns/ext/urid#> .
 
 )";
@@ -119,12 +122,26 @@ std::string controlPort(const sr::ParameterInfo& p) {
         << "        lv2:default " << literal(p, p.defaultValue) << " ;\n"
         << "        lv2:minimum " << literal(p, p.minValue) << " ;\n"
         << "        lv2:maximum " << literal(p, p.maxValue);
+    // Every parameter stays automatable: a host may keep automation for any of them, the
+    // controller numbers included, and must find it valid when the session loads again.
+    const auto scalePoint = [&](std::string_view label, float value) {
+        ttl << "[\n            rdfs:label " << turtleString(label) << " ;\n"
+            << "            rdf:value " << literal(p, value) << "\n        ]";
+    };
     if (p.unit == sr::ParameterUnit::Boolean) ttl << " ;\n        lv2:portProperty lv2:toggled";
-    if (p.unit == sr::ParameterUnit::Indexed)
-        // Controller numbers are set up once, not automated; -1 binds nothing.
-        ttl << " ;\n        lv2:portProperty lv2:integer , pprops:notAutomatic ;\n"
-            << "        lv2:scalePoint [\n            rdfs:label \"None\" ;\n"
-            << "            rdf:value " << literal(p, sr::kNoController) << "\n        ]";
+    if (p.unit == sr::ParameterUnit::Indexed) {
+        // -1 binds nothing.
+        ttl << " ;\n        lv2:portProperty lv2:integer ;\n        lv2:scalePoint ";
+        scalePoint("None", sr::kNoController);
+    }
+    if (p.address == sr::kChorusLFOType) {
+        ttl << " ;\n        lv2:portProperty lv2:enumeration ;\n        lv2:scalePoint ";
+        for (std::size_t i = 0; i < sr::kLFOShapeNames.size(); ++i) {
+            if (i) ttl << " , ";
+            scalePoint(sr::kLFOShapeNames[i].name, sr::kLFOShapeNames[i].value);
+        }
+    }
+    if (sr::isDisplaySetting(p.address)) ttl << " ;\n        lv2:portProperty pprops:notOnGUI";
     ttl << "\n    ]";
     return ttl.str();
 }
@@ -142,17 +159,32 @@ std::string audioPort(std::uint32_t index, bool input, bool left) {
 }
 
 std::string atomPort(std::uint32_t index, bool input, const char* symbol, const char* name,
-                     bool midi, bool control, std::uint32_t minimumSize) {
+                     bool midi, bool control, bool patch, std::uint32_t minimumSize) {
     std::ostringstream ttl;
     ttl << "[\n        a " << (input ? "lv2:InputPort" : "lv2:OutputPort") << " , atom:AtomPort ;\n"
         << "        atom:bufferType atom:Sequence ;\n";
     if (midi) ttl << "        atom:supports midi:MidiEvent ;\n";
+    if (patch) ttl << "        atom:supports patch:Message ;\n";
     if (control) ttl << "        lv2:designation lv2:control ;\n";
     if (minimumSize) ttl << "        rsz:minimumSize " << minimumSize << " ;\n";
     ttl << "        lv2:portProperty lv2:connectionOptional ;\n"
         << "        lv2:index " << index << " ;\n"
         << "        lv2:symbol \"" << symbol << "\" ;\n"
         << "        lv2:name " << turtleString(name) << "\n    ]";
+    return ttl.str();
+}
+
+// The editor: an X11 window the host embeds (or shows on its own), driven by the host's idle
+// calls; it follows the notify port and writes the control ports.
+std::string uiTTL() {
+    std::ostringstream ttl;
+    ttl << "<" << kUIURI << ">\n    a ui:X11UI ;\n"
+        << "    lv2:requiredFeature ui:idleInterface ;\n"
+        << "    lv2:optionalFeature ui:parent , ui:touch , urid:map , opts:options , log:log ;\n"
+        << "    lv2:extensionData ui:idleInterface ;\n"
+        << "    opts:supportedOption ui:scaleFactor ;\n"
+        << "    ui:portNotification [\n        ui:plugin <" << kPluginURI << "> ;\n"
+        << "        lv2:symbol \"notify\" ;\n        ui:notifyType atom:Object\n    ] .\n";
     return ttl.str();
 }
 
@@ -178,10 +210,11 @@ std::string pluginTTL(int minor, int micro) {
            "band.\" ;\n"
         << "    lv2:minorVersion " << minor << " ;\n"
         << "    lv2:microVersion " << micro << " ;\n"
-        << "    lv2:optionalFeature lv2:hardRTCapable , urid:map , opts:options ;\n"
+        << "    lv2:optionalFeature lv2:hardRTCapable , urid:map , opts:options , log:log ;\n"
         << "    opts:supportedOption param:sampleRate , bufsz:maxBlockLength , "
            "bufsz:nominalBlockLength ;\n"
         << "    lv2:extensionData state:interface ;\n"
+        << "    ui:ui <" << kUIURI << "> ;\n"
         << "    pg:mainInput <" << kPluginURI << "#in> ;\n"
         << "    pg:mainOutput <" << kPluginURI << "#out> ;\n"
         << "    lv2:port ";
@@ -191,13 +224,18 @@ std::string pluginTTL(int minor, int micro) {
     ports.push_back(audioPort(kAudioInRight, true, false));
     ports.push_back(audioPort(kAudioOutLeft, false, true));
     ports.push_back(audioPort(kAudioOutRight, false, false));
-    ports.push_back(atomPort(kMIDIIn, true, "midi_in", "MIDI In", true, true, 0));
+    // The editor's patch:Get arrives with the MIDI; the notify port's patch:Set reports are for
+    // the editor alone, so it claims no patch support a host would act on (Ardour would take
+    // the port for its property messages and warn about every value that is not a file path).
+    ports.push_back(atomPort(kMIDIIn, true, "midi_in", "MIDI In", true, true, true, 0));
     ports.push_back(atomPort(kMIDIOut, false, "midi_out",
-                             TAV_SR_Chorus_Extension_AudioUnit::kMIDIOutputName, true, false,
+                             TAV_SR_Chorus_Extension_AudioUnit::kMIDIOutputName, true, false, false,
                              kMIDIOutMinimumSize));
-    ports.push_back(atomPort(kNotify, false, "notify", "Notify", false, true, kNotifyMinimumSize));
+    ports.push_back(
+        atomPort(kNotify, false, "notify", "Notify", false, true, false, kNotifyMinimumSize));
     for (std::size_t i = 0; i < ports.size(); ++i) ttl << (i ? " , " : "") << ports[i];
-    ttl << " .\n";
+    ttl << " .\n\n";
+    ttl << uiTTL();
     return ttl.str();
 }
 
@@ -224,6 +262,9 @@ std::string manifestTTL(const std::vector<FactoryPreset>& presets) {
     ttl << kPrefixes;
     ttl << "<" << kPluginURI << ">\n    a lv2:Plugin ;\n"
         << "    lv2:binary <" << kBinaryName << "> ;\n"
+        << "    rdfs:seeAlso <tav-sr-chorus.ttl> .\n";
+    ttl << "\n<" << kUIURI << ">\n    a ui:X11UI ;\n"
+        << "    ui:binary <" << kUIBinaryName << "> ;\n"
         << "    rdfs:seeAlso <tav-sr-chorus.ttl> .\n";
     for (const FactoryPreset& preset : presets)
         ttl << "\n<" << kPresetURIPrefix << preset.slug << ">\n    a pset:Preset ;\n"

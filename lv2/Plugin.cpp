@@ -6,9 +6,12 @@
 
 #include <lv2/atom/util.h>
 #include <lv2/buf-size/buf-size.h>
+#include <lv2/log/log.h>
 #include <lv2/midi/midi.h>
 #include <lv2/options/options.h>
+#include <lv2/patch/patch.h>
 
+#include "lv2/Features.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
 #include "util/Simd.h"
@@ -19,12 +22,6 @@ namespace {
 
 constexpr const char* kLogPrefix = "TAV SR Chorus (LV2): ";
 
-void log(std::string_view text) {
-    LineBuilder<> line;
-    line << kLogPrefix << text << "\n";
-    debugprint(line.view());
-}
-
 bool sameBits(float a, float b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
 }
@@ -33,12 +30,6 @@ std::uint32_t bitsOf(float v) {
     std::uint32_t bits;
     std::memcpy(&bits, &v, sizeof bits);
     return bits;
-}
-
-const void* findFeature(const LV2_Feature* const* features, const char* uri) {
-    for (; features && *features; ++features)
-        if ((*features)->URI && std::strcmp((*features)->URI, uri) == 0) return (*features)->data;
-    return nullptr;
 }
 
 // The host's largest block, when it says; 0 when it does not.
@@ -54,7 +45,8 @@ std::uint32_t maxBlockLength(const LV2_Options_Option* options, LV2_URID_Map* ma
     return 0;
 }
 
-// A notify event: the event header, an object body and two properties of 32-bit scalars.
+// A notify event: the event header, an object body and two properties of 32-bit scalars (the
+// patch:Set's property URID and its value).
 constexpr std::uint32_t kNotifyEventBytes = sizeof(LV2_Atom_Event) + sizeof(LV2_Atom_Object_Body) +
                                             2 * (sizeof(LV2_Atom_Property_Body) + 8);
 
@@ -99,18 +91,25 @@ void Plugin::SequenceWriter::end() {
 
 Plugin* Plugin::create(double sampleRate, const char* bundlePath,
                        const LV2_Feature* const* features) {
+    auto* map = static_cast<LV2_URID_Map*>(const_cast<void*>(findFeature(features, LV2_URID__map)));
+    const auto* options =
+        static_cast<const LV2_Options_Option*>(findFeature(features, LV2_OPTIONS__options));
+    const LogChannel::Sink sink =
+        hostLog(static_cast<const LV2_Log_Log*>(findFeature(features, LV2_LOG__log)), map);
+    // Refusals before there is an instance go to the host's log all the same.
+    const auto refuse = [&sink](std::string_view text) {
+        LogChannel channel(sink);
+        channel.debugprint(text);
+    };
     if (!(sampleRate >= kMinSampleRate && sampleRate <= kMaxSampleRate)) {
         LineBuilder<> line;
         line << kLogPrefix << "ERROR: a sample rate of ";
         line.fixed(sampleRate) << " Hz is outside 8000 to 384000 Hz; not instantiated\n";
-        debugprint(line.view());
+        refuse(line.view());
         return nullptr;
     }
-    auto* map = static_cast<LV2_URID_Map*>(const_cast<void*>(findFeature(features, LV2_URID__map)));
-    const auto* options =
-        static_cast<const LV2_Options_Option*>(findFeature(features, LV2_OPTIONS__options));
     try {
-        auto* plugin = new Plugin(sampleRate, map, maxBlockLength(options, map));
+        auto* plugin = new Plugin(sampleRate, map, maxBlockLength(options, map), sink);
         if (bundlePath) {
             std::string folder = bundlePath;
             if (!folder.empty() && folder.back() != '/') folder += '/';
@@ -121,15 +120,16 @@ Plugin* Plugin::create(double sampleRate, const char* bundlePath,
         LineBuilder<> line;
         line << kLogPrefix << "ERROR: the audio unit cannot render (" << std::int32_t(error.code)
              << "); not instantiated\n";
-        debugprint(line.view());
+        refuse(line.view());
     } catch (const std::exception& error) {
-        log(std::string("ERROR: not instantiated: ") + error.what());
+        refuse(std::string(kLogPrefix) + "ERROR: not instantiated: " + error.what() + "\n");
     }
     return nullptr;
 }
 
-Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
-    : map(urids), sampleRate(rate), events(std::make_unique<RenderEventList<>>()) {
+Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
+               LogChannel::Sink logSink)
+    : map(urids), sampleRate(rate), logChannel(std::move(logSink)), mainQueue(logChannel) {
     controls.fill(&kUnconnectedPort);
     portBits.fill(bitsOf(kUnconnectedPort));
     if (map) {
@@ -138,10 +138,13 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
         uris.atomObject = id(LV2_ATOM__Object);
         uris.atomString = id(LV2_ATOM__String);
         uris.midiEvent = id(LV2_MIDI__MidiEvent);
-        uris.parameterValue = id(kParameterValueURI);
-        uris.address = id(kAddressURI);
-        uris.value = id(kValueURI);
-        uris.requestValues = id(kRequestValuesURI);
+        uris.atomURID = id(LV2_ATOM__URID);
+        uris.patchSet = id(LV2_PATCH__Set);
+        uris.patchGet = id(LV2_PATCH__Get);
+        uris.patchProperty = id(LV2_PATCH__property);
+        uris.patchValue = id(LV2_PATCH__value);
+        for (const ParameterInfo& p : kParameterTable)
+            uris.parameters[p.address] = id(parameterPropertyURI(p.identifier).c_str());
         uris.fullState = id(kFullStateURI);
         auto* mutableMap = const_cast<LV2_URID_Map*>(map);
         lv2_atom_forge_init(&midiWriter.forge, mutableMap);
@@ -149,7 +152,9 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
     }
 
     unit = std::make_unique<TAV_SR_Chorus_Extension_AudioUnit>(kTAVSRChorusComponentDescription,
-                                                               mainQueue);
+                                                               mainQueue, logChannel);
+    // LV2 hosts have no such blocks: that they are missing is no news to anyone.
+    unit->setHostBlocksReportedAsTrace(true);
     const AVAudioFormat format = AVAudioFormat::standardFormatWithSampleRate(sampleRate, 2);
     if (unit->outputBusses()[0].setFormat(format) != noErr ||
         unit->inputBusses()[0].setFormat(format) != noErr)
@@ -163,8 +168,7 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock)
             return sendMIDI(time, length, bytes);
         });
     unit->allocateRenderResources();
-    renderBlock = unit->renderBlock();
-    for (auto& channel : scratch) channel.assign(unit->maximumFramesToRender(), 0.0f);
+    cycle.prepare(unit->renderBlock(), unit->maximumFramesToRender());
 
     tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
@@ -239,13 +243,13 @@ void Plugin::readPorts() {
             LineBuilder<> line;
             line << kLogPrefix << "WARNING: a non-finite value on port '"
                  << kParameterTable[i].identifier << "' is ignored\n";
-            safeprint(line.view());
+            logChannel.safeprint(line.view());
             continue;
         }
         const float value = clampToRange(kParameterTable[i], v);
         // The tree follows the host; the kernel takes the change at the call's first frame.
         parameters[i]->setValueFromImplementor(value);
-        portChanges[portChangeCount++] = {std::uint32_t(i), value};
+        portChanges[portChangeCount++] = {i, value};
         reported[i] = value;
     }
     adoptPorts = false;
@@ -259,11 +263,23 @@ void Plugin::readRequests() {
     const LV2_Atom_Sequence* input = inputSequence();
     if (!input) return;
     LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
-        if (ev->body.type != uris.atomObject) continue;
+        if (ev->body.type != uris.atomObject || ev->body.size < sizeof(LV2_Atom_Object_Body))
+            continue;
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
-        if (object->atom.size >= sizeof(LV2_Atom_Object_Body) &&
-            object->body.otype == uris.requestValues) {
+        if (object->body.otype != uris.patchGet) continue;
+        const LV2_Atom* property = nullptr;
+        lv2_atom_object_get(object, uris.patchProperty, &property, 0);
+        if (!property) {
             reportRequested.fill(true);
+            reportOwed = true;
+            continue;
+        }
+        // One value, when the property is one of ours; anything else is not ours to answer.
+        if (property->type != uris.atomURID || property->size < sizeof(LV2_URID)) continue;
+        const LV2_URID key = reinterpret_cast<const LV2_Atom_URID*>(property)->body;
+        const auto found = std::find(uris.parameters.begin(), uris.parameters.end(), key);
+        if (found != uris.parameters.end()) {
+            reportRequested[std::size_t(found - uris.parameters.begin())] = true;
             reportOwed = true;
         }
     }
@@ -283,10 +299,10 @@ void Plugin::reportEffectiveValues() {
             LV2_Atom_Forge& forge = notifyWriter.events();
             LV2_Atom_Forge_Frame object;
             lv2_atom_forge_frame_time(&forge, 0);
-            lv2_atom_forge_object(&forge, &object, 0, uris.parameterValue);
-            lv2_atom_forge_key(&forge, uris.address);
-            lv2_atom_forge_int(&forge, std::int32_t(i));
-            lv2_atom_forge_key(&forge, uris.value);
+            lv2_atom_forge_object(&forge, &object, 0, uris.patchSet);
+            lv2_atom_forge_key(&forge, uris.patchProperty);
+            lv2_atom_forge_urid(&forge, uris.parameters[i]);
+            lv2_atom_forge_key(&forge, uris.patchValue);
             lv2_atom_forge_float(&forge, value);
             lv2_atom_forge_pop(&forge, &object);
         }
@@ -297,68 +313,6 @@ void Plugin::reportEffectiveValues() {
     reportOwed = false;
 }
 
-void Plugin::queueMIDI(std::uint32_t offset, std::uint32_t frames) {
-    const LV2_Atom_Sequence* input = inputSequence();
-    if (!input) return;
-    LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
-        if (ev->body.type != uris.midiEvent) continue;
-        // Events stamped outside the call act at its nearest end.
-        const std::int64_t last = std::int64_t(runFrames) - 1;
-        const std::int64_t frame = std::clamp<std::int64_t>(ev->time.frames, 0, last);
-        if (frame < offset || frame >= std::int64_t(offset) + frames) continue;
-        const std::uint32_t size = ev->body.size;
-        if (size == 0 || size > 0xFFFF) continue;
-        const auto* bytes = static_cast<const std::uint8_t*>(LV2_ATOM_BODY_CONST(&ev->body));
-        if (!events->addMIDI(AUEventSampleTime(sampleTime) + (frame - offset), 0, bytes,
-                             std::uint16_t(size)))
-            ++midiDropped;
-    }
-}
-
-AUAudioUnitStatus Plugin::renderCall(std::uint32_t offset, std::uint32_t frames) {
-    events->clear();
-    if (offset == 0)
-        for (std::size_t i = 0; i < portChangeCount; ++i)
-            events->addParameter(AUEventSampleTime(sampleTime), portChanges[i].address,
-                                 portChanges[i].value);
-    queueMIDI(offset, frames);
-
-    callOffset = offset;
-    const std::uint32_t bytes = frames * std::uint32_t(sizeof(float));
-    // The kernel works in its output buffers, left and right together; when a host hands both
-    // outputs the same memory, it renders into its own and the right channel is copied last.
-    float* host[2] = {audioOut[0] + offset, audioOut[1] + offset};
-    const bool outputsOverlap = host[0] < host[1] + frames && host[1] < host[0] + frames;
-    AudioBufferList output;
-    output.mNumberBuffers = 2;
-    for (std::uint32_t c = 0; c < 2; ++c)
-        output.mBuffers[c] = {1, bytes, outputsOverlap ? scratch[c].data() : host[c]};
-    // The input is copied into the unit's own storage before anything is written, so the
-    // host may hand the same memory for input and output.
-    auto pullInput = [this, offset, frames](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
-                                            AUAudioFrameCount count, NSInteger,
-                                            AudioBufferList* input) -> AUAudioUnitStatus {
-        if (count > frames || input->mNumberBuffers < 2) return kAudioUnitErr_InvalidParameter;
-        for (std::uint32_t c = 0; c < 2; ++c) {
-            AudioBuffer& buffer = input->mBuffers[c];
-            if (!buffer.mData || buffer.mDataByteSize < count * sizeof(float))
-                return kAudioUnitErr_InvalidParameter;
-            std::memmove(buffer.mData, audioIn[c] + offset, count * sizeof(float));
-            buffer.mDataByteSize = count * std::uint32_t(sizeof(float));
-        }
-        return noErr;
-    };
-    AudioTimeStamp timestamp;
-    timestamp.mSampleTime = sampleTime;
-    AudioUnitRenderActionFlags flags = 0;
-    const AUAudioUnitStatus status =
-        renderBlock(&flags, &timestamp, frames, 0, &output, events->head(), pullInput);
-    if (outputsOverlap && status == noErr)
-        for (std::uint32_t c = 0; c < 2; ++c) std::copy_n(scratch[c].data(), frames, host[c]);
-    sampleTime += frames;
-    return status;
-}
-
 OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes) {
     if (!midiWriter.open) return noErr; // nobody listens: not an error
     const std::uint32_t size = length > 0 ? std::uint32_t(length) : 0;
@@ -367,11 +321,8 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
         ++midiDropped;
         return noErr;
     }
-    const std::int64_t last = runFrames > 0 ? std::int64_t(runFrames) - 1 : 0;
-    const std::int64_t frame =
-        std::clamp<std::int64_t>(callOffset + (time - AUEventSampleTimeImmediate), 0, last);
     LV2_Atom_Forge& forge = midiWriter.events();
-    lv2_atom_forge_frame_time(&forge, frame);
+    lv2_atom_forge_frame_time(&forge, cycle.outputFrame(time));
     lv2_atom_forge_atom(&forge, size, uris.midiEvent);
     lv2_atom_forge_write(&forge, bytes, size);
     return noErr;
@@ -379,19 +330,19 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
 
 void Plugin::reportDrops() {
     // At most once a second of audio, so a host that starves the output is not flooded.
-    if (midiDropped == midiDroppedReported || sampleTime - lastDropReport < sampleRate) return;
+    const std::uint64_t dropped = midiDropped + cycle.midiDropped();
+    if (dropped == midiDroppedReported || sampleTime - lastDropReport < sampleRate) return;
     LineBuilder<> line;
-    line << kLogPrefix << "WARNING: " << (midiDropped - midiDroppedReported)
+    line << kLogPrefix << "WARNING: " << (dropped - midiDroppedReported)
          << " MIDI events dropped (no room in the call's event list or MIDI output)\n";
-    safeprint(line.view());
-    midiDroppedReported = midiDropped;
+    logChannel.safeprint(line.view());
+    midiDroppedReported = dropped;
     lastDropReport = sampleTime;
 }
 
 void Plugin::run(std::uint32_t frames) {
     // What the last call handed to the main queue (mapped controllers) happens first.
     mainQueue.drain();
-    runFrames = frames;
     midiWriter.begin(map ? midiOut : nullptr);
     notifyWriter.begin(map ? notify : nullptr);
     readRequests();
@@ -403,16 +354,17 @@ void Plugin::run(std::uint32_t frames) {
     reportEffectiveValues();
 
     if (frames > 0 && audio) {
-        const std::uint32_t callFrames = unit->maximumFramesToRender();
-        for (std::uint32_t offset = 0; offset < frames; offset += callFrames) {
-            const AUAudioUnitStatus status =
-                renderCall(offset, std::min(callFrames, frames - offset));
-            if (status != noErr) {
-                // Nothing sensible was rendered: silence rather than stale memory.
-                for (float* out : audioOut) std::fill(out + offset, out + frames, 0.0f);
-                break;
+        auto forEachMidi = [this](auto&& visit) {
+            const LV2_Atom_Sequence* input = inputSequence();
+            if (!input) return;
+            LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
+                if (ev->body.type == uris.midiEvent)
+                    visit(ev->time.frames, LV2_ATOM_BODY_CONST(&ev->body), ev->body.size);
             }
-        }
+        };
+        cycle.render(sampleTime, frames, audioIn, audioOut,
+                     std::span(portChanges.data(), portChangeCount), forEachMidi);
+        sampleTime += frames;
     } else if (frames > 0 && !audioWarned) {
         audioWarned = true;
         log("WARNING: run() without all four audio ports connected renders nothing");
@@ -420,6 +372,12 @@ void Plugin::run(std::uint32_t frames) {
     reportDrops();
     midiWriter.end();
     notifyWriter.end();
+}
+
+void Plugin::log(std::string_view text) {
+    LineBuilder<> line;
+    line << kLogPrefix << text << "\n";
+    logChannel.debugprint(line.view());
 }
 
 // ---- state ---------------------------------------------------------------------------------
@@ -495,24 +453,24 @@ void cleanup(LV2_Handle handle) {
 
 // No exception leaves the plug-in: a state call that fails says so and reports an error.
 template <typename Call>
-LV2_State_Status guarded(const char* failure, Call call) {
+LV2_State_Status guarded(LV2_Handle handle, const char* failure, Call call) {
     try {
         return call();
     } catch (...) {
-        log(failure);
+        self(handle)->log(failure);
         return LV2_STATE_ERR_UNKNOWN;
     }
 }
 
 LV2_State_Status saveState(LV2_Handle handle, LV2_State_Store_Function store,
                            LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
-    return guarded("ERROR: the state could not be saved",
+    return guarded(handle, "ERROR: the state could not be saved",
                    [&] { return self(handle)->save(store, state); });
 }
 
 LV2_State_Status restoreState(LV2_Handle handle, LV2_State_Retrieve_Function retrieve,
                               LV2_State_Handle state, std::uint32_t, const LV2_Feature* const*) {
-    return guarded("ERROR: the state could not be restored",
+    return guarded(handle, "ERROR: the state could not be restored",
                    [&] { return self(handle)->restore(retrieve, state); });
 }
 

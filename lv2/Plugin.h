@@ -11,7 +11,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include <lv2/atom/atom.h>
 #include <lv2/atom/forge.h>
@@ -21,8 +20,9 @@
 
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "lv2/PluginURIs.h"
+#include "platform/HostRenderCycle.h"
 #include "platform/MainQueue.h"
-#include "platform/RenderEventList.h"
+#include "platform/PrintQueue.h"
 
 namespace sr::lv2 {
 
@@ -40,13 +40,19 @@ public:
     LV2_State_Status save(LV2_State_Store_Function store, LV2_State_Handle handle);
     LV2_State_Status restore(LV2_State_Retrieve_Function retrieve, LV2_State_Handle handle);
 
+    // A line of the wrapper's own (prefixed with its name) on the instance's log.
+    void log(std::string_view text);
+
     static constexpr double kMinSampleRate = 8000.0;
     static constexpr double kMaxSampleRate = 384000.0;
 
 private:
     struct URIDs {
         LV2_URID atomSequence = 0, atomObject = 0, atomString = 0, midiEvent = 0;
-        LV2_URID parameterValue = 0, address = 0, value = 0, requestValues = 0, fullState = 0;
+        LV2_URID atomURID = 0, patchSet = 0, patchGet = 0, patchProperty = 0, patchValue = 0;
+        LV2_URID fullState = 0;
+        // Each parameter's patch:property, by address.
+        std::array<LV2_URID, kParameterCount> parameters{};
     };
     // A host's atom output for one run(): written as a sequence, never past its capacity.
     struct SequenceWriter {
@@ -63,15 +69,14 @@ private:
         void end();
     };
 
-    Plugin(double sampleRate, const LV2_URID_Map* map, std::uint32_t maxBlock);
+    Plugin(double sampleRate, const LV2_URID_Map* map, std::uint32_t maxBlock,
+           LogChannel::Sink logSink);
 
     void readPorts();
     // The MIDI input when it holds a sequence this plug-in can read; null otherwise.
     const LV2_Atom_Sequence* inputSequence() const;
     void readRequests();
     void reportEffectiveValues();
-    void queueMIDI(std::uint32_t offset, std::uint32_t frames);
-    AUAudioUnitStatus renderCall(std::uint32_t offset, std::uint32_t frames);
     OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);
     void reportDrops();
 
@@ -79,14 +84,13 @@ private:
     URIDs uris;
     double sampleRate;
 
+    // Before everything that logs on it, so that it goes last.
+    LogChannel logChannel;
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
-    AURenderBlock renderBlock;
+    HostRenderCycle cycle;
     AUParameterTree* tree = nullptr;
     std::array<AUParameter*, kParameterCount> parameters{};
-    std::unique_ptr<RenderEventList<>> events;
-    // Where a call renders when the host's two outputs share memory.
-    std::array<std::vector<float>, 2> scratch;
 
     const float* audioIn[2]{};
     float* audioOut[2]{};
@@ -115,16 +119,9 @@ private:
     bool reportOwed = true;
     bool audioWarned = false;
     // Port changes of the current run(), applied at its first frame.
-    struct PortChange {
-        std::uint32_t address;
-        float value;
-    };
-    std::array<PortChange, kParameterCount> portChanges{};
+    std::array<HostParameterChange, kParameterCount> portChanges{};
     std::size_t portChangeCount = 0;
 
-    // Within one run(): where the current render call starts in the host's buffers.
-    std::uint32_t callOffset = 0;
-    std::uint32_t runFrames = 0;
     double sampleTime = 0.0;
     SequenceWriter midiWriter;
     SequenceWriter notifyWriter;

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "kernel/ParameterTable.h"
 
@@ -16,16 +18,31 @@ inline constexpr const char* kUIURI = SR_LV2_URI "#ui";
 inline constexpr const char* kPluginName = "TAV SR Chorus";
 inline constexpr const char* kBundleName = "tav-sr-chorus.lv2";
 inline constexpr const char* kBinaryName = "tav-sr-chorus.so";
+inline constexpr const char* kUIBinaryName = "tav-sr-chorus-ui.so";
 
 // State: the audio unit's full state as one XML property-list string.
 inline constexpr const char* kFullStateURI = SR_LV2_URI "#fullState";
-// Plug-in to editor, on the notify port: an effective value that changed inside the plug-in,
-// as an object of this type with an address (Int) and a value (Float).
-inline constexpr const char* kParameterValueURI = SR_LV2_URI "#ParameterValue";
-inline constexpr const char* kAddressURI = SR_LV2_URI "#address";
-inline constexpr const char* kValueURI = SR_LV2_URI "#value";
-// Editor to plug-in, on the MIDI input: report every effective value (an editor that opens).
-inline constexpr const char* kRequestValuesURI = SR_LV2_URI "#RequestValues";
+
+// Messages on the atom ports use the LV2 patch vocabulary (http://lv2plug.in/ns/ext/patch#),
+// which hosts already read, so none of them reports an unknown message:
+//
+// Plug-in to editor, on the notify port (index kNotify), one event per value:
+//     [ a patch:Set ;
+//       patch:property <urn:tav:sr-chorus#kChorusDepth> ;   (an atom:URID)
+//       patch:value 0.33 ]                                   (an atom:Float)
+//   sent whenever a parameter's effective value changed inside the plug-in (a bound MIDI
+//   controller, a restored state or preset), and for every parameter asked for by a patch:Get.
+//   The property is parameterPropertyURI(identifier) of the parameter table's identifier.
+//   These properties are deliberately not declared as lv2:Parameter in the bundle: the values
+//   are the control ports', which hosts already show; a host that does not know a property
+//   ignores the message (jalv, Ardour), while the editor maps it back to its address.
+//
+// Editor to plug-in, on the MIDI input (index kMIDIIn, the lv2:control port):
+//     [ a patch:Get ]                                        (no property: every value)
+//     [ a patch:Get ; patch:property <urn:tav:sr-chorus#kChorusDepth> ]   (that one value)
+//   answered in the next run() with patch:Set messages on the notify port; an editor sends
+//   the first when it opens, so that it shows what the plug-in really uses.
+inline constexpr const char* kParameterPropertyPrefix = SR_LV2_URI "#";
 // Factory presets: this prefix followed by the preset's slug.
 inline constexpr const char* kPresetURIPrefix = SR_LV2_URI "#preset-";
 
@@ -44,6 +61,11 @@ enum PortIndex : std::uint32_t {
 // reporting every parameter at once.
 inline constexpr std::uint32_t kMIDIOutMinimumSize = 8192;
 inline constexpr std::uint32_t kNotifyMinimumSize = 8192;
+
+// The property URI of a parameter, e.g. "urn:tav:sr-chorus#kChorusDepth".
+inline std::string parameterPropertyURI(std::string_view identifier) {
+    return std::string(kParameterPropertyPrefix) + std::string(identifier);
+}
 
 #undef SR_LV2_URI
 

@@ -39,7 +39,6 @@ AUParameterObserverToken ParameterObserverSlots::add(AUParameterObserver observe
         slot.token.store(token); // publishes the observer
         return token;
     }
-    sr::debugprint("AUParameterTree : ERROR: too many parameter observers, one was refused\n");
     return 0;
 }
 
@@ -82,7 +81,16 @@ void ParameterObserverSlots::notify(AUParameterAddress address, AUValue value,
 }
 
 AUParameterObserverToken AUParameterNode::tokenByAddingParameterObserver(AUParameterObserver o) {
-    return observers.add(std::move(o));
+    const AUParameterObserverToken token = observers.add(std::move(o));
+    if (token == 0)
+        logChannel().debugprint(
+            "AUParameterTree : ERROR: too many parameter observers, one was refused\n");
+    return token;
+}
+
+sr::LogChannel& AUParameterNode::logChannel() const {
+    const auto* found = findImplementor(&AUParameterNode::log);
+    return found ? **found : sr::standardLog();
 }
 
 void AUParameterNode::removeParameterObserver(AUParameterObserverToken token) {
@@ -116,7 +124,7 @@ bool AUParameter::store(AUValue& v) {
         sr::LineBuilder<> line;
         line << "AUParameter::setValue : ERROR: non-finite value refused for '" << identifier_
              << "'\n";
-        sr::debugprint(line.view());
+        logChannel().debugprint(line.view());
         return false;
     }
     v = v < min_ ? min_ : (v > max_ ? max_ : v);

@@ -26,6 +26,10 @@ enum AudioUnitParameterOptions : std::uint32_t {
     kAudioUnitParameterFlag_IsWritable = 0x80000000u,
 };
 
+namespace sr {
+class LogChannel;
+}
+
 class AUParameter;
 class AUParameterGroup;
 class AUParameterTree;
@@ -77,6 +81,11 @@ public:
     AUImplementorValueObserver implementorValueObserver;
     AUImplementorValueProvider implementorValueProvider;
     AUImplementorStringFromValueCallback implementorStringFromValueCallback;
+
+    // Where this node and every node below that has none of its own log (standard output when
+    // none has one). The channel must outlive the nodes.
+    sr::LogChannel* log = nullptr;
+    sr::LogChannel& logChannel() const;
 
     // Observers see every value change of a parameter at or below this node.
     AUParameterObserverToken tokenByAddingParameterObserver(AUParameterObserver observer);

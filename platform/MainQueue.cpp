@@ -1,7 +1,5 @@
 #include "platform/MainQueue.h"
 
-#include "platform/PrintQueue.h"
-
 namespace sr {
 
 bool DrainedMainQueue::async(const MainQueueTask& task) {
@@ -22,7 +20,7 @@ std::size_t DrainedMainQueue::drain() {
     if (r != refusedReported) {
         LineBuilder<> line;
         line << "MainQueue: WARNING: " << (r - refusedReported) << " tasks refused (queue full)\n";
-        safeprint(line.view());
+        log.safeprint(line.view());
         refusedReported = r;
     }
     return ran;

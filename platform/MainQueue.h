@@ -11,6 +11,7 @@
 #include <new>
 #include <type_traits>
 
+#include "platform/PrintQueue.h"
 #include "util/BoundedMPSCQueue.h"
 
 namespace sr {
@@ -57,6 +58,9 @@ class DrainedMainQueue : public MainQueueExecutor {
 public:
     static constexpr std::size_t kCapacity = 4096;
 
+    // Refusals are reported on the channel, which must outlive the queue.
+    explicit DrainedMainQueue(LogChannel& log = standardLog()) : log(log) {}
+
     bool async(const MainQueueTask& task) override;
     // Runs the queued tasks in order, at most kCapacity of them so that a task which queues
     // another cannot keep the caller here; returns how many ran. Refused tasks since the last
@@ -67,6 +71,7 @@ public:
     std::uint64_t refusedTasks() const { return refused.load(std::memory_order_relaxed); }
 
 private:
+    LogChannel& log;
     BoundedMPSCQueue<MainQueueTask, kCapacity> tasks;
     std::atomic<std::uint64_t> refused{0};
     std::uint64_t refusedReported = 0;

@@ -184,8 +184,9 @@ ToolRun runTool(const Args& args, const fs::path& cwd = {}) {
     return Process(args, SR_RENDER_TOOL, cwd).wait();
 }
 
-bool logged(const ToolRun& run, const std::string& addressAndValue) {
-    return run.out.find("unit received parameter : " + addressAndValue) != std::string::npos;
+// The unit's log as the run's --log file holds it.
+bool logged(const fs::path& log, const std::string& addressAndValue) {
+    return readText(log).find("unit received parameter : " + addressAndValue) != std::string::npos;
 }
 
 // ---- rendering ---------------------------------------------------------------------------------
@@ -213,9 +214,12 @@ TEST(RendererCli, SettingsThatLeaveTheSignalAloneAreBitIdentical) {
         EXPECT_TRUE(bitIdentical(output->samples, input)) << settings.back();
     }
     // The limiter is on by default: below its threshold it applies only its -0.01 dB pre-gain.
-    const ToolRun run = runTool({dir / "in.wav", dir / "out.wav", "--set", "kChorusDryWet=0"});
+    const ToolRun run = runTool(
+        {dir / "in.wav", dir / "out.wav", "--set", "kChorusDryWet=0", "--log", dir / "unit.log"});
     // The value went through the parameter tree, and the kernel's log lines are out before exit.
-    EXPECT_TRUE(logged(run, "address:16, value:0.000000")) << run.out;
+    EXPECT_TRUE(logged(dir / "unit.log", "address:16, value:0.000000"))
+        << readText(dir / "unit.log");
+    EXPECT_EQ(run.out, "");
     const std::optional<Wav> limited = readFloatWav(dir / "out.wav");
     ASSERT_TRUE(limited);
     EXPECT_TRUE(bitIdentical(limited->samples, scaled(input, kLimiterPreGain)));
@@ -364,9 +368,9 @@ TEST(RendererCli, AMidiFileMovesTheBoundControlAndComesOutUnchanged) {
     std::ofstream(dir / "sweep.mid", std::ios::binary)
         .write(reinterpret_cast<const char*>(file.data()), std::streamsize(file.size()));
 
-    const ToolRun run =
-        runTool({dir / "in.wav", dir / "out.wav", "--set", "kFinalLimit=0", "--block", "4096",
-                 "--midi", dir / "sweep.mid", "--midi-out", dir / "out.mid"});
+    const ToolRun run = runTool({dir / "in.wav", dir / "out.wav", "--set", "kFinalLimit=0",
+                                 "--block", "4096", "--midi", dir / "sweep.mid", "--midi-out",
+                                 dir / "out.mid", "--log", dir / "unit.log"});
     ASSERT_EQ(run.exitCode, 0) << run.err;
     const std::optional<Wav> output = readFloatWav(dir / "out.wav");
     ASSERT_TRUE(output);
@@ -380,7 +384,7 @@ TEST(RendererCli, AMidiFileMovesTheBoundControlAndComesOutUnchanged) {
     EXPECT_TRUE(bitIdentical(span(output->samples, 4096, kOpened), span(input, 4096, kOpened)));
     EXPECT_GT(differenceDb(span(input, kOpened, kFrames), span(output->samples, kOpened, kFrames)),
               -10.0);
-    EXPECT_TRUE(logged(run, "address:16, value:1.000000")) << run.out;
+    EXPECT_TRUE(logged(dir / "unit.log", "address:16, value:1.000000"));
 
     // What left the MIDI output is what came in, at the same frames.
     EXPECT_EQ(sr::cli::readMidiFile(dir / "out.mid", kRate),
@@ -472,6 +476,59 @@ TEST(RendererCli, BadInputFailsWithOneLineAndLeavesNoFileBehind) {
             << run.err;
         EXPECT_EQ(filesIn(dir), before) << command;
         EXPECT_EQ(readText(dir / "out.wav"), "previous result") << command;
+    }
+}
+
+// Standard output is the renderer's own: the unit's log goes only where --log sends it, the
+// same lines whether to a file or to standard output, as the unit wrote them. A refused preset
+// stops the run with one line that gives the unit's reason.
+TEST(RendererCli, TheUnitLogGoesOnlyWhereAskedAndRefusalsSayWhy) {
+    const fs::path dir = freshDirectory("log");
+    writeAudio(dir / "in.wav", 48000, 2, testSignal(48000, 2, 4800));
+    const auto render = [&](const Args& more) {
+        Args args = {dir / "in.wav", dir / "out.wav", "--set", "kChorusDepth=0.5"};
+        args.insert(args.end(), more.begin(), more.end());
+        return runTool(args, dir);
+    };
+    const ToolRun quiet = render({});
+    ASSERT_EQ(quiet.exitCode, 0) << quiet.err;
+    EXPECT_EQ(quiet.out + quiet.err, "");
+
+    const ToolRun toFile = render({"--log", "unit.log"});
+    const ToolRun toOutput = render({"--log", "-"});
+    ASSERT_EQ(toFile.exitCode + toOutput.exitCode, 0) << toFile.err << toOutput.err;
+    EXPECT_EQ(toFile.out + toFile.err + toOutput.err, "");
+    const std::string log = readText(dir / "unit.log");
+    EXPECT_EQ(log, toOutput.out);
+    std::size_t at = 0;
+    for (const char* line :
+         {"TAV_SR_Chorus_Extension_AudioUnit::init() aufx srCh TAVs\n",
+          "TAV_SR_Chorus_Extension_AudioUnit: WARNING: The property 'musicalContextBlock' is NOT "
+          "defined.\n",
+          "TAV_SR_Chorus_Extension_AudioUnit: The property 'midiOutputEventBlock' is defined.\n",
+          "TAV_SR_Chorus_Extension_AudioUnit: New wrapped unit output samplerate: 48000.0\n",
+          "unit received parameter : address:7, value:0.500000\n",
+          "TAV_SR_Chorus_Extension_AudioUnit::deallocateRenderResources()\n"}) {
+        const std::size_t found = log.find(line, at);
+        EXPECT_NE(found, std::string::npos) << "missing or out of order: " << line;
+        if (found != std::string::npos) at = found;
+    }
+
+    std::ofstream(dir / "garbage.aupreset") << "not a property list\n";
+    for (const auto& [preset, reason] :
+         {std::pair{"missing.aupreset",
+                    "TAVPreset::loadFromFile() : ERROR: The path missing.aupreset does not exist."},
+          std::pair{"garbage.aupreset",
+                    "TAVPreset::loadFromFile() : ERROR: Could not read the file "
+                    "'garbage.aupreset, Format: "}}) {
+        const ToolRun refused = render({"--preset", preset});
+        EXPECT_EQ(refused.exitCode, 1);
+        EXPECT_TRUE(refused.oneErrorLine()) << refused.err;
+        EXPECT_NE(refused.err.find(std::string("error: cannot use the preset '") + preset +
+                                   "': " + reason),
+                  std::string::npos)
+            << refused.err;
+        EXPECT_EQ(refused.out, "");
     }
 }
 
@@ -584,3 +641,45 @@ TEST(RendererCli, DemoWritesADeterministicDryAndWetPair) {
 }
 
 } // namespace
+
+// ---- the editor panel --------------------------------------------------------------------------
+
+namespace {
+
+// Width and height from a PNG's header; 0 x 0 when it is not a PNG.
+std::pair<std::uint32_t, std::uint32_t> pngSize(const fs::path& file) {
+    const std::string bytes = readText(file);
+    if (bytes.size() < 24 || bytes.compare(0, 8, "\x89PNG\r\n\x1a\n") != 0) return {0, 0};
+    auto word = [&](std::size_t at) {
+        std::uint32_t v = 0;
+        for (std::size_t i = 0; i < 4; ++i) v = (v << 8) | std::uint8_t(bytes[at + i]);
+        return v;
+    };
+    return {word(16), word(20)};
+}
+
+} // namespace
+
+TEST(RendererCli, PanelDrawsThePanelForTheSettingsWithoutADisplay) {
+    const fs::path dir = freshDirectory("panel");
+    ASSERT_EQ(runTool({"--panel", dir / "main.png", "--set", "kChorusDepth=0.9"}).exitCode, 0);
+    EXPECT_EQ(pngSize(dir / "main.png"), (std::pair<std::uint32_t, std::uint32_t>{1024, 400}));
+    ASSERT_EQ(runTool({"--panel", dir / "lfo.png", "--panel-size", "3072x1200", "--page", "lfo"})
+                  .exitCode,
+              0);
+    EXPECT_EQ(pngSize(dir / "lfo.png"), (std::pair<std::uint32_t, std::uint32_t>{3072, 1200}));
+    // The panel's lines are the unit's log: kept with --log, not printed otherwise.
+    const ToolRun quiet = runTool({"--panel", dir / "q.png"});
+    EXPECT_EQ(quiet.out.find("editor received parameter"), std::string::npos);
+    ASSERT_EQ(runTool({"--panel", dir / "l.png", "--log", dir / "log.txt"}).exitCode, 0);
+    EXPECT_NE(readText(dir / "log.txt").find("editor received parameter : address:7, value:0.33"),
+              std::string::npos);
+
+    for (const Args& bad : {Args{"--panel", dir / "x.png", "--page", "side"},
+                            Args{"--panel", dir / "x.png", "--panel-size", "0x400"},
+                            Args{"--panel", dir / "x.png", "--panel-size", "1024"}}) {
+        const ToolRun run = runTool(bad);
+        EXPECT_EQ(run.exitCode, 2);
+        EXPECT_FALSE(fs::exists(dir / "x.png"));
+    }
+}

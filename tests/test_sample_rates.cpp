@@ -14,6 +14,7 @@
 #include "effects/Chorus.h"
 #include "kernel/BandSplitFilter3.h"
 #include "kernel/ParameterTable.h"
+#include "kernel/SplitFrequencies.h"
 #include "kernel/TAV_SR_Chorus_Extension_DSPKernel.h"
 
 namespace {
@@ -149,6 +150,48 @@ TEST(SampleRates, DefaultSplitCrossings) {
         const BandResponses at(defaults, rate);
         EXPECT_NEAR(at.crossing(at.low, at.middle), hz.first, 0.5) << rate;
         EXPECT_NEAR(at.crossing(at.middle, at.high), hz.second, 2.0) << rate;
+    }
+}
+
+// The figures the panel and the tools show are computed from the filters' coefficients; they
+// must be where an impulse through the splitter actually shows the bands crossing.
+TEST(SplitFrequencies, ComputedCrossingsAreTheMeasuredOnes) {
+    for (const SplitPoints& points : defaultsAndFactoryPresets())
+        for (double rate : {44100.0, 48000.0, 96000.0}) {
+            const BandResponses measured(points, rate);
+            const sr::SplitFrequencies computed =
+                sr::splitFrequencies(points.lower, points.upper, rate);
+            SCOPED_TRACE(testing::Message() << points.name << " at " << rate << " Hz");
+            EXPECT_NEAR(computed.lower, measured.crossing(measured.low, measured.middle),
+                        0.002 * computed.lower);
+            EXPECT_NEAR(computed.upper, measured.crossing(measured.middle, measured.high),
+                        0.002 * computed.upper);
+        }
+}
+
+TEST(SplitFrequencies, EdgesAndText) {
+    // The split points are limited by each other as the kernel limits them: each is held on
+    // its side of the other's value, so points set the wrong way round swap.
+    const sr::SplitFrequencies crossed = sr::splitFrequencies(0.66f, 0.33f, 48000.0);
+    const sr::SplitFrequencies ordered = sr::splitFrequencies(0.33f, 0.66f, 48000.0);
+    EXPECT_DOUBLE_EQ(crossed.lower, ordered.lower);
+    EXPECT_DOUBLE_EQ(crossed.upper, ordered.upper);
+    // The bands always sum to the input.
+    for (double hz : {20.0, 219.0, 1857.0, 15000.0}) {
+        const sr::BandResponse b = sr::bandResponse(0.33f, 0.66f, 48000.0, hz);
+        EXPECT_NEAR(std::abs(b.low + b.middle + b.high - 1.0), 0.0, 1e-12) << hz;
+    }
+    // The top split point at a low rate divides nothing below Nyquist.
+    EXPECT_DOUBLE_EQ(sr::splitFrequencies(0.9f, 1.0f, 8000.0).upper, 4000.0);
+    char text[16];
+    const std::pair<double, const char*> cases[] = {{218.6, "219 Hz"},
+                                                    {999.4, "999 Hz"},
+                                                    {999.6, "1.00 kHz"},
+                                                    {1857.3, "1.86 kHz"},
+                                                    {14254.6, "14.3 kHz"}};
+    for (const auto& [hz, expected] : cases) {
+        sr::formatHz(hz, text, sizeof text);
+        EXPECT_STREQ(text, expected);
     }
 }
 

@@ -1,4 +1,4 @@
-// The checks in order, the real-time tally, the editor check and the memory check; and the
+// The checks in order, the real-time tally and the memory check; and the
 // program that runs them and prints the report.
 #include "validate/Check.h"
 #include "validate/Host.h"
@@ -25,21 +25,6 @@ Result checkRealTime(const Context&) {
                            "calls seen in a probe)",
                            (unsigned long long)rt::watched(), (unsigned long long)calls,
                            (unsigned long long)seen);
-    return result;
-}
-
-Result checkUi(const Context& ctx) {
-    Result result;
-    World& world = World::get(ctx.bundle);
-    LilvUIs* uis = lilv_plugin_get_uis(world.plugin);
-    const unsigned count = uis ? lilv_uis_size(uis) : 0;
-    lilv_uis_free(uis);
-    if (count == 0) {
-        result.skipped = true;
-        result.figure = "no UI declared in the bundle: nothing to open";
-        return result;
-    }
-    result.fail(format("%u UI(s) declared, but this validator cannot open them yet", count));
     return result;
 }
 

@@ -15,6 +15,7 @@
 #include <lv2/atom/forge.h>
 #include <lv2/core/lv2.h>
 #include <lv2/midi/midi.h>
+#include <lv2/patch/patch.h>
 #include <lv2/urid/urid.h>
 
 #include "alloc_counter.h"
@@ -70,7 +71,7 @@ TEST(PluginAllocation, RunAllocatesNothing) {
     LV2_Atom_Forge forge;
     lv2_atom_forge_init(&forge, &map);
     const LV2_URID midiEvent = map.map(map.handle, LV2_MIDI__MidiEvent);
-    const LV2_URID request = map.map(map.handle, sr::lv2::kRequestValuesURI);
+    const LV2_URID request = map.map(map.handle, LV2_PATCH__Get);
     auto fillInput = [&](int call, std::uint32_t frames) {
         LV2_Atom_Forge_Frame sequence;
         lv2_atom_forge_set_buffer(&forge, midiIn, sizeof midiIn);

@@ -9,14 +9,20 @@
 #include <lv2/atom/forge.h>
 #include <lv2/atom/util.h>
 #include <lv2/buf-size/buf-size.h>
+#include <lv2/log/log.h>
 #include <lv2/midi/midi.h>
 #include <lv2/options/options.h>
 #include <lv2/parameters/parameters.h>
+#include <lv2/patch/patch.h>
 #include <lv2/urid/urid.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <deque>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -82,6 +88,69 @@ private:
     }
 };
 
+// A host's log:log, kept per instance: every line with its level and the thread that wrote it.
+// After close() (the host has cleaned the instance up and freed its log) any call is counted.
+class HostLog {
+public:
+    struct Line {
+        LV2_URID type;
+        std::string text;
+        std::thread::id thread;
+    };
+    explicit HostLog(Host& h) : host(h) {}
+    HostLog(const HostLog&) = delete;
+
+    LV2_Log_Log log{this, &HostLog::printf, &HostLog::vprintf};
+    LV2_Feature feature{LV2_LOG__log, &log};
+
+    std::vector<Line> lines() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return lines_;
+    }
+    // The texts of one level, in order.
+    std::vector<std::string> texts(const char* level) {
+        std::vector<std::string> out;
+        for (const Line& l : lines())
+            if (l.type == host.urid(level)) out.push_back(l.text);
+        return out;
+    }
+    void close() {
+        std::lock_guard<std::mutex> lock(mutex);
+        closed = true;
+    }
+    int callsAfterClose() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return late;
+    }
+
+private:
+    static int vprintf(LV2_Log_Handle handle, LV2_URID type, const char* fmt, va_list ap) {
+        auto* self = static_cast<HostLog*>(handle);
+        char text[1024];
+        const int n = std::vsnprintf(text, sizeof text, fmt, ap);
+        std::lock_guard<std::mutex> lock(self->mutex);
+        if (self->closed) {
+            ++self->late;
+            return 0;
+        }
+        self->lines_.push_back({type, text, std::this_thread::get_id()});
+        return n;
+    }
+    static int printf(LV2_Log_Handle handle, LV2_URID type, const char* fmt, ...) {
+        va_list ap;
+        va_start(ap, fmt);
+        const int n = vprintf(handle, type, fmt, ap);
+        va_end(ap);
+        return n;
+    }
+
+    Host& host;
+    std::mutex mutex;
+    std::vector<Line> lines_;
+    bool closed = false;
+    int late = 0;
+};
+
 struct MidiEvent {
     int64_t frame;
     std::vector<uint8_t> bytes;
@@ -89,11 +158,16 @@ struct MidiEvent {
 };
 
 // One plug-in instance with its port buffers. Control values start at the table's defaults.
+// With a HostLog, the instance is also given that log; it must outlive the instance.
 class Instance {
 public:
-    explicit Instance(bool withFeatures = true) : host_(Host::get()) {
+    explicit Instance(bool withFeatures = true, HostLog* log = nullptr) : host_(Host::get()) {
         for (const auto& p : kParameterTable) control[p.address] = p.defaultValue;
-        raw = lilv_plugin_instantiate(host_.plugin, kRate, withFeatures ? host_.features : nullptr);
+        features_ = {&host_.mapF, &host_.unmapF, &host_.optionsF};
+        if (log) features_.push_back(&log->feature);
+        features_.push_back(nullptr);
+        raw =
+            lilv_plugin_instantiate(host_.plugin, kRate, withFeatures ? features_.data() : nullptr);
         if (!raw) return;
         for (uint32_t i = 0; i < kParameterCount; ++i)
             lilv_instance_connect_port(raw, i, &control[i]);
@@ -105,15 +179,21 @@ public:
         lilv_instance_activate(raw);
     }
     Instance(const Instance&) = delete;
+    explicit Instance(HostLog& log) : Instance(true, &log) {}
     ~Instance() {
         if (!raw) return;
         lilv_instance_deactivate(raw);
         lilv_instance_free(raw);
     }
+    const LV2_Feature* const* features() const { return features_.data(); }
 
-    // Queued for the next run(); an empty message is a RequestValues object.
+    // Queued for the next run(); an empty message is a patch:Get, of every value or of one
+    // property.
     void midi(uint32_t frame, std::vector<uint8_t> bytes) { pending_.push_back({frame, bytes}); }
-    void requestValues() { pending_.push_back({0, {}}); }
+    void requestValues(std::string property = {}) {
+        pending_.push_back({0, {}});
+        requested_.push_back(std::move(property));
+    }
 
     // Runs frames [from, from + count) of `in` into the same frames of `out`.
     void run(const test::Stereo& in, test::Stereo& out, std::size_t from, std::size_t count) {
@@ -147,21 +227,29 @@ public:
         return true;
     }
 
-    // The ParameterValue reports of the last run, as (address, value).
+    // The patch:Set reports of the last run, as (address, value); a property that names no
+    // parameter gives address -1, any other shape of event -2.
     std::vector<std::pair<int, float>> reports() const {
         std::vector<std::pair<int, float>> out;
         LV2_ATOM_SEQUENCE_FOREACH(sequence(notify_), ev) {
             const auto* obj = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
-            if (ev->body.type != host_.urid(LV2_ATOM__Object) ||
-                obj->body.otype != host_.urid(kNs + "ParameterValue"))
+            const LV2_Atom *property = nullptr, *value = nullptr;
+            if (ev->body.type == host_.urid(LV2_ATOM__Object) &&
+                obj->body.otype == host_.urid(LV2_PATCH__Set))
+                lv2_atom_object_get(obj, host_.urid(LV2_PATCH__property), &property,
+                                    host_.urid(LV2_PATCH__value), &value, 0);
+            if (!property || !value || property->type != host_.urid(LV2_ATOM__URID) ||
+                value->type != host_.urid(LV2_ATOM__Float)) {
+                out.emplace_back(-2, 0.0f);
                 continue;
-            const LV2_Atom *address = nullptr, *value = nullptr;
-            lv2_atom_object_get(obj, host_.urid(kNs + "address"), &address,
-                                host_.urid(kNs + "value"), &value, 0);
-            if (address && value && address->type == host_.urid(LV2_ATOM__Int) &&
-                value->type == host_.urid(LV2_ATOM__Float))
-                out.emplace_back(reinterpret_cast<const LV2_Atom_Int*>(address)->body,
-                                 reinterpret_cast<const LV2_Atom_Float*>(value)->body);
+            }
+            const char* uri = host_.uri(reinterpret_cast<const LV2_Atom_URID*>(property)->body);
+            const ParameterInfo* info =
+                uri && std::string(uri).starts_with(kNs)
+                    ? parameterInfo(std::string_view(uri).substr(kNs.size()))
+                    : nullptr;
+            out.emplace_back(info ? int(info->address) : -1,
+                             reinterpret_cast<const LV2_Atom_Float*>(value)->body);
         }
         return out;
     }
@@ -187,10 +275,15 @@ private:
         lv2_atom_forge_set_buffer(&forge, reinterpret_cast<uint8_t*>(midiIn_.data()), kBufferBytes);
         LV2_Atom_Forge_Frame seq, object;
         lv2_atom_forge_sequence_head(&forge, &seq, 0);
+        std::size_t request = 0;
         for (const auto& [frame, bytes] : pending_) {
             lv2_atom_forge_frame_time(&forge, frame);
             if (bytes.empty()) {
-                lv2_atom_forge_object(&forge, &object, 0, host_.urid(kNs + "RequestValues"));
+                lv2_atom_forge_object(&forge, &object, 0, host_.urid(LV2_PATCH__Get));
+                if (const std::string& property = requested_[request++]; !property.empty()) {
+                    lv2_atom_forge_key(&forge, host_.urid(LV2_PATCH__property));
+                    lv2_atom_forge_urid(&forge, host_.urid(property));
+                }
                 lv2_atom_forge_pop(&forge, &object);
             } else {
                 lv2_atom_forge_atom(&forge, uint32_t(bytes.size()),
@@ -200,6 +293,7 @@ private:
         }
         lv2_atom_forge_pop(&forge, &seq);
         pending_.clear();
+        requested_.clear();
     }
 
     // An output sequence holds its capacity as size on the way in; the rest is a guard pattern.
@@ -209,7 +303,9 @@ private:
     }
 
     Host& host_;
+    std::vector<const LV2_Feature*> features_;
     std::vector<std::pair<uint32_t, std::vector<uint8_t>>> pending_;
+    std::vector<std::string> requested_;
     Buffer midiIn_ = Buffer(kBufferBytes / 8), midiOut_ = Buffer(kBufferBytes / 8),
            notify_ = Buffer(kBufferBytes / 8);
 };

@@ -2,18 +2,24 @@
 #include "Lv2Host.h"
 
 #include <gtest/gtest.h>
+#include <lv2/port-props/port-props.h>
 #include <lv2/presets/presets.h>
 #include <lv2/resize-port/resize-port.h>
 #include <lv2/state/state.h>
 #include <plist/plist.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cfloat>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <thread>
 #include <tuple>
 
 using namespace sr;
@@ -91,15 +97,25 @@ TEST(Lv2Plugin, DescriptionFollowsTheParameterTable) {
         EXPECT_EQ(is(i, LV2_CORE__toggled), info.unit == ParameterUnit::Boolean);
         const bool controller = info.address >= kFirstControllerAddress;
         EXPECT_EQ(is(i, LV2_CORE__integer), controller);
+        // Every parameter is automatable; the LFO shape is a choice of two; the display
+        // contrast is saved and automated but not shown by a host's own controls.
+        EXPECT_FALSE(is(i, LV2_PORT_PROPS__notAutomatic));
+        EXPECT_EQ(is(i, LV2_CORE__enumeration), info.address == kChorusLFOType);
+        EXPECT_EQ(is(i, LV2_PORT_PROPS__notOnGUI), info.address == kDisplayContrast);
+        std::map<float, std::string> labels;
         LilvScalePoints* points = lilv_port_get_scale_points(plugin, port(i));
-        EXPECT_EQ(points ? lilv_scale_points_size(points) : 0u, controller ? 1u : 0u);
-        if (controller && points) {
-            const LilvScalePoint* p =
-                lilv_scale_points_get(points, lilv_scale_points_begin(points));
-            EXPECT_STREQ(lilv_node_as_string(lilv_scale_point_get_label(p)), "None");
-            EXPECT_EQ(lilv_node_as_float(lilv_scale_point_get_value(p)), kNoController);
+        LILV_FOREACH(scale_points, it, points) {
+            const LilvScalePoint* p = lilv_scale_points_get(points, it);
+            labels[lilv_node_as_float(lilv_scale_point_get_value(p))] =
+                lilv_node_as_string(lilv_scale_point_get_label(p));
         }
         lilv_scale_points_free(points);
+        using Labels = std::map<float, std::string>;
+        const Labels expected = controller ? Labels{{kNoController, "None"}}
+                                : info.address == kChorusLFOType
+                                    ? Labels{{0.0f, "Sine"}, {1.0f, "Triangle"}}
+                                    : Labels{};
+        EXPECT_EQ(labels, expected);
     }
 
     const std::string in = LV2_CORE__InputPort, out = LV2_CORE__OutputPort,
@@ -120,6 +136,10 @@ TEST(Lv2Plugin, DescriptionFollowsTheParameterTable) {
         EXPECT_TRUE(is(i, LV2_CORE__connectionOptional));
         EXPECT_EQ(lilv_port_supports_event(plugin, port(i), h.node(LV2_MIDI__MidiEvent)),
                   i != kNotify);
+        // The editor's patch:Get comes in with the MIDI; no port claims patch messages a host
+        // would read itself.
+        EXPECT_EQ(lilv_port_supports_event(plugin, port(i), h.node(LV2_PATCH__Message)),
+                  i == kMidiIn);
         if (i == kMidiIn) continue;
         Node size(lilv_port_get(plugin, port(i), h.node(LV2_RESIZE_PORT__minimumSize)));
         EXPECT_TRUE(size.node && lilv_node_as_int(size) == 8192);
@@ -548,6 +568,182 @@ TEST(Lv2Presets, EveryPresetRestoresItsFactoryFile) {
     }
     lilv_nodes_free(presets);
     EXPECT_EQ(matched, factory.size());
+}
+
+// ---- the host's log ---------------------------------------------------------------------------
+
+// Standard output of the whole process, redirected to a file while it lives.
+class StdoutCapture {
+public:
+    StdoutCapture() : file(std::tmpfile()) {
+        std::fflush(stdout);
+        saved = dup(STDOUT_FILENO);
+        dup2(fileno(file), STDOUT_FILENO);
+    }
+    ~StdoutCapture() { finish(); }
+    std::string finish() {
+        if (saved < 0) return text;
+        std::fflush(stdout);
+        dup2(saved, STDOUT_FILENO);
+        close(saved);
+        saved = -1;
+        std::rewind(file);
+        for (int c; (c = std::fgetc(file)) != EOF;) text += char(c);
+        std::fclose(file);
+        return text;
+    }
+
+private:
+    std::FILE* file;
+    int saved = -1;
+    std::string text;
+};
+
+// A saved state of another component: the same dictionary with another subtype.
+StateValue stateOfAnotherPlugin() {
+    Instance source;
+    StateValue v = saveFullState(source);
+    const std::string ours = "<integer>1936868200</integer>"; // 'srCh'
+    const std::size_t at = v.bytes.find(ours);
+    EXPECT_NE(at, std::string::npos);
+    if (at != std::string::npos) v.bytes.replace(at, ours.size(), "<integer>1936868201</integer>");
+    return v;
+}
+
+// What an instance logs in a short life: its start, a refused port value, a bound controller
+// that moves the delay (CC 16), a refused state of another plug-in; then it is cleaned up.
+void shortLife(Instance& p, const StateValue& foreign) {
+    constexpr std::size_t n = 256;
+    test::Stereo scratch(n);
+    p.control[kChorusDepth] = NAN;
+    p.midi(3, {0xB0, 16, 64});
+    p.run(test::silence(n), scratch, 0, n);
+    p.run(test::silence(n), scratch, 0, n);
+    EXPECT_NE(restoreFullState(p, foreign), LV2_STATE_SUCCESS);
+}
+
+const char* const kInit = "TAV_SR_Chorus_Extension_AudioUnit::init() aufx srCh TAVs\n";
+const char* const kNotDefined =
+    "TAV_SR_Chorus_Extension_AudioUnit: WARNING: The property 'musicalContextBlock' is NOT "
+    "defined.\n";
+const char* const kRate48k =
+    "TAV_SR_Chorus_Extension_AudioUnit: Native wrapped unit input samplerate (prior): 48000.0\n";
+const char* const kDelayReceived = "unit received parameter : address:8, value:0.503937\n";
+const char* const kNonFinite =
+    "TAV SR Chorus (LV2): WARNING: a non-finite value on port 'kChorusDepth' is ignored\n";
+const char* const kForeign = "TAV_SR_Chorus_Extension_AudioUnit::fullState : ERROR: The component "
+                             "description of the patch does not match.\n";
+
+// The level a line is meant to have: trace for the unit's member and context-block lines, each
+// received parameter and each traced event; otherwise by the words the line carries.
+const char* expectedLevel(const std::string& line) {
+    const bool member = line.starts_with("TAV_SR_Chorus_Extension_AudioUnit::");
+    const bool errorOrWarning =
+        line.find("ERROR") != std::string::npos || line.find("WARNING") != std::string::npos;
+    if ((member && !errorOrWarning) || line.starts_with("unit received parameter") ||
+        line.starts_with("traceEvent() : ") || line.find(": The property '") != std::string::npos ||
+        line.find(": WARNING: The property '") != std::string::npos)
+        return LV2_LOG__Trace;
+    if (line.find("ERROR") != std::string::npos) return LV2_LOG__Error;
+    if (line.find("WARNING") != std::string::npos) return LV2_LOG__Warning;
+    return LV2_LOG__Note;
+}
+
+TEST(Lv2Log, EveryLineReachesTheHostLogAtItsLevelFromTheQueueThreadAndNoneStandardOutput) {
+    Host& h = Host::get();
+    const StateValue foreign = stateOfAnotherPlugin();
+    HostLog log(h);
+    StdoutCapture out;
+    {
+        Instance p(log);
+        shortLife(p, foreign);
+    }
+    log.close();
+    EXPECT_EQ(out.finish(), "");
+
+    const std::vector<HostLog::Line> lines = log.lines();
+    ASSERT_GT(lines.size(), 40u);
+    for (const HostLog::Line& line : lines) {
+        EXPECT_EQ(h.uri(line.type), std::string(expectedLevel(line.text))) << line.text;
+        EXPECT_NE(line.thread, std::this_thread::get_id()) << "written from run(): " << line.text;
+        EXPECT_TRUE(line.text.ends_with("\n") && line.text.find('\n') == line.text.size() - 1)
+            << "not one line: " << line.text;
+    }
+    const auto has = [&](const char* level, const char* text) {
+        const auto texts = log.texts(level);
+        return std::find(texts.begin(), texts.end(), text) != texts.end();
+    };
+    EXPECT_TRUE(has(LV2_LOG__Trace, kInit));
+    EXPECT_TRUE(has(LV2_LOG__Trace, kNotDefined));
+    EXPECT_TRUE(has(LV2_LOG__Trace, kDelayReceived));
+    EXPECT_TRUE(has(LV2_LOG__Note, kRate48k));
+    EXPECT_TRUE(has(LV2_LOG__Warning, kNonFinite));
+    EXPECT_TRUE(has(LV2_LOG__Error, kForeign));
+    EXPECT_EQ(log.texts(LV2_LOG__Error).size(), 1u);
+    const auto traced = log.texts(LV2_LOG__Trace);
+    EXPECT_EQ(
+        std::count_if(traced.begin(), traced.end(),
+                      [](const std::string& t) { return t.starts_with("traceEvent() : 0? "); }),
+        1);
+}
+
+TEST(Lv2Log, WithoutAHostLogTheLinesGoToStandardOutputAsBefore) {
+    const StateValue foreign = stateOfAnotherPlugin();
+    StdoutCapture out;
+    {
+        Instance p;
+        shortLife(p, foreign);
+    }
+    const std::string text = out.finish();
+    for (const char* line : {kInit, kNotDefined, kRate48k, kDelayReceived, kNonFinite, kForeign})
+        EXPECT_NE(text.find(line), std::string::npos) << line << "in:\n" << text;
+}
+
+TEST(Lv2Log, InstancesInOneProcessEachReachTheirOwnLog) {
+    Host& h = Host::get();
+    HostLog logA(h), logB(h);
+    {
+        Instance a(logA), b(logB);
+        test::Stereo scratch(64);
+        for (int call = 0; call < 8; ++call) {
+            a.midi(1, {0x90, 60, 100});
+            b.midi(1, {0x90, 61, 100});
+            a.run(test::silence(64), scratch, 0, 64);
+            b.run(test::silence(64), scratch, 0, 64);
+        }
+    }
+    logA.close();
+    logB.close();
+    for (auto [log, mine, other] :
+         {std::tuple{&logA, " d1:60 ", " d1:61 "}, std::tuple{&logB, " d1:61 ", " d1:60 "}}) {
+        const auto traced = log->texts(LV2_LOG__Trace);
+        EXPECT_EQ(std::count_if(traced.begin(), traced.end(),
+                                [&](const std::string& t) { return t.find(mine) != t.npos; }),
+                  8);
+        EXPECT_EQ(std::count_if(traced.begin(), traced.end(),
+                                [&](const std::string& t) { return t.find(other) != t.npos; }),
+                  0);
+    }
+}
+
+// An instance cleaned up right after a run that logged many lines: what it queued is written
+// before cleanup returns, and the host's log, freed then, is never called again.
+TEST(Lv2Log, LinesQueuedAtCleanupNeverReachAFreedLog) {
+    Host& h = Host::get();
+    auto log = std::make_unique<HostLog>(h);
+    {
+        Instance p(*log);
+        test::Stereo scratch(512);
+        for (uint32_t e = 0; e < 200; ++e) p.midi(e, {0x90, uint8_t(e % 128), 1});
+        p.run(test::silence(512), scratch, 0, 512);
+    }
+    log->close();
+    const auto traced = log->texts(LV2_LOG__Trace);
+    EXPECT_EQ(std::count_if(traced.begin(), traced.end(),
+                            [](const std::string& t) { return t.starts_with("traceEvent()"); }),
+              200);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_EQ(log->callsAfterClose(), 0);
 }
 
 } // namespace

@@ -25,16 +25,7 @@ need() {
 
 [ -f "$BUNDLE/manifest.ttl" ] || fail "no bundle at $BUNDLE (build the sr_lv2_bundle target)"
 
-WORK=$(mktemp -d "${TMPDIR:-/tmp}/sr-lv2host.XXXXXX")
-# Tests add their own clean-up steps to this list; it runs last-in first-out.
-CLEANUP=()
-cleanup() {
-    local i
-    for ((i = ${#CLEANUP[@]} - 1; i >= 0; i--)); do eval "${CLEANUP[i]}" || true; done
-    rm -rf "$WORK"
-}
-trap cleanup EXIT
-trap 'exit 130' INT TERM
+source "$HERE/../workdir.sh" sr-lv2host
 
 # lilv knows class labels and port types only from the LV2 vocabulary bundles (core, atom,
 # ...), so links to those join the build tree's folder. They declare no plug-in, so no
@@ -54,3 +45,17 @@ run() {
 }
 
 wavtool() { python3 "$HERE/wavtool.py" "$@"; }
+
+# Stops one of our children by PID: the signal, then SIGKILL after 5 s. Leaves its exit
+# status in STATUS (128 + signal number if a signal ended it).
+stop() {
+    local pid=$1 sig=${2:-TERM} i
+    kill -s "$sig" "$pid" 2>/dev/null || true
+    for ((i = 0; i < 50; i++)); do
+        kill -0 "$pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    if kill -0 "$pid" 2>/dev/null; then kill -KILL "$pid" 2>/dev/null || true; fi
+    STATUS=0
+    wait "$pid" 2>/dev/null || STATUS=$?
+}

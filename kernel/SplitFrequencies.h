@@ -1,0 +1,31 @@
+// Where the split points divide the bands, in Hz: the frequencies at which the low and middle
+// band, and the middle and high band, come out at equal level. Computed from the band
+// splitter's own coefficients at the given rate (its filters' transfer functions), so the
+// figures follow the filters wherever they go. Any thread; allocates nothing.
+#pragma once
+
+#include <complex>
+
+namespace sr {
+
+struct SplitFrequencies {
+    double lower = 0.0; // low / middle crossing, Hz
+    double upper = 0.0; // middle / high crossing, Hz
+};
+
+// `lowerValue` and `upperValue` are the split parameters (0..1, before the kernel's square
+// root), limited by each other as the kernel limits them. A crossing that the filters do not
+// reach below Nyquist is reported as Nyquist.
+SplitFrequencies splitFrequencies(float lowerValue, float upperValue, double sampleRate);
+
+// The three bands' responses at one frequency, for a spectrum drawn on the same axis.
+struct BandResponse {
+    std::complex<double> low, middle, high;
+};
+BandResponse bandResponse(float lowerValue, float upperValue, double sampleRate, double hz);
+
+// "219 Hz", "1.86 kHz": three significant figures, as the panel and the tools print them.
+// Writes at most `size` bytes including the terminating zero.
+void formatHz(double hz, char* text, int size);
+
+} // namespace sr

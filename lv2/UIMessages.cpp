@@ -1,0 +1,68 @@
+#include "lv2/UIMessages.h"
+
+#include <cmath>
+
+#include <lv2/atom/util.h>
+#include <lv2/patch/patch.h>
+
+#include "lv2/PluginURIs.h"
+
+namespace sr::lv2 {
+
+UIMessages::UIMessages(LV2_URID_Map* map) {
+    if (!map) return;
+    auto id = [map](const char* uri) { return map->map(map->handle, uri); };
+    eventTransfer_ = id(LV2_ATOM__eventTransfer);
+    object = id(LV2_ATOM__Object);
+    atomURID = id(LV2_ATOM__URID);
+    atomFloat = id(LV2_ATOM__Float);
+    atomDouble = id(LV2_ATOM__Double);
+    atomInt = id(LV2_ATOM__Int);
+    patchGet = id(LV2_PATCH__Get);
+    patchSet = id(LV2_PATCH__Set);
+    patchProperty = id(LV2_PATCH__property);
+    patchValue = id(LV2_PATCH__value);
+    for (const ParameterInfo& p : kParameterTable)
+        properties[p.address] = id(parameterPropertyURI(p.identifier).c_str());
+}
+
+const LV2_Atom* UIMessages::requestValues() {
+    if (!available()) return nullptr;
+    // [ a patch:Get ]: no property, so every value.
+    auto* atom = reinterpret_cast<LV2_Atom_Object*>(buffer.data());
+    atom->atom.type = object;
+    atom->atom.size = sizeof(LV2_Atom_Object_Body);
+    atom->body.id = 0;
+    atom->body.otype = patchGet;
+    return &atom->atom;
+}
+
+std::optional<UIMessages::ParameterValue> UIMessages::parameterValue(const void* data,
+                                                                     std::uint32_t size) const {
+    if (!available() || !data || size < sizeof(LV2_Atom_Object)) return std::nullopt;
+    const auto* atom = static_cast<const LV2_Atom_Object*>(data);
+    if (atom->atom.type != object || sizeof(LV2_Atom) + atom->atom.size > size ||
+        atom->atom.size < sizeof(LV2_Atom_Object_Body) || atom->body.otype != patchSet)
+        return std::nullopt;
+    const LV2_Atom* property = nullptr;
+    const LV2_Atom* value = nullptr;
+    lv2_atom_object_get(atom, patchProperty, &property, patchValue, &value, 0);
+    if (!property || !value || property->type != atomURID || property->size < sizeof(LV2_URID))
+        return std::nullopt;
+    const LV2_URID key = reinterpret_cast<const LV2_Atom_URID*>(property)->body;
+    std::optional<std::uint32_t> address;
+    for (std::uint32_t a = 0; a < kParameterCount; ++a)
+        if (properties[a] == key) address = a;
+    if (!address) return std::nullopt;
+    double v = NAN;
+    if (value->type == atomFloat && value->size >= sizeof(float))
+        v = reinterpret_cast<const LV2_Atom_Float*>(value)->body;
+    else if (value->type == atomDouble && value->size >= sizeof(double))
+        v = reinterpret_cast<const LV2_Atom_Double*>(value)->body;
+    else if (value->type == atomInt && value->size >= sizeof(std::int32_t))
+        v = reinterpret_cast<const LV2_Atom_Int*>(value)->body;
+    if (!std::isfinite(v)) return std::nullopt;
+    return ParameterValue{*address, float(v)};
+}
+
+} // namespace sr::lv2
