@@ -47,7 +47,7 @@ fi
 export LV2_PATH="$build/lv2:${SR_SYSTEM_LV2_DIR:-/usr/lib/lv2}"
 
 info=$(lv2info "$ours" 2>/dev/null) || true
-bundle=$(awk '$1 == "Bundle:" { print $2 }' <<<"$info")
+bundle=$(awk '$1 == "Bundle:" { print $2; exit }' <<<"$info")
 [ "$bundle" = "file://$build/lv2/tav-sr-chorus.lv2/" ] ||
     { echo "lilv loads $ours from '$bundle', not from the build tree" >&2; exit 1; }
 
