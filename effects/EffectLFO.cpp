@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "util/ExactCos.h"
+
 EffectLFO::EffectLFO(EffectGlobals& globals) : globals(globals) {
     freqParam = 40;
     randomnessParam = 0;
@@ -43,7 +45,8 @@ float EffectLFO::getLFOShape(float x) const {
         return 4.0f * x - 4.0f;
     }
     const float twoX = 2.0f * x;
-    return float(std::cos(twoX * 3.1415926536));
+    // float(std::cos(twoX * 3.1415926536)), bit for bit, without the library's cost.
+    return sr::cosRoundedToFloat(twoX * 3.1415926536);
 }
 
 float EffectLFO::newAmplitude() {

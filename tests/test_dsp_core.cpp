@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "RenderHarness.h"
@@ -9,6 +11,8 @@
 #include "effects/EffectLFO.h"
 #include "effects/EffectManager.h"
 #include "kernel/BandSplitFilter3.h"
+#include "util/ExactCos.h"
+#include "util/FlushDenormals.h"
 
 namespace {
 
@@ -159,6 +163,34 @@ TEST(EffectLFO, WaveformsAndRandomAmplitudes) {
     EXPECT_LT(lowest, 0.2f);
     EXPECT_GT(highest, 0.8f);
     EXPECT_LE(highest, 1.0f);
+}
+
+// The sine shape's cosine, worked out without the C library, is the library's rounded to float
+// bit for bit: for every 97th float phase in 0..1 as the LFO forms its argument (all of them
+// were compared once, see bench/RESULTS.md), for arguments near the zeros and turning points
+// of cos, where rounding is closest, and outside 0..7, where the library answers.
+TEST(EffectLFO, SineShapeIsTheLibraryCosineRoundedToFloat) {
+    const sr::FlushDenormals flush; // as on the render thread
+    auto same = [](double x) {
+        const float library = float(std::cos(x)), here = sr::cosRoundedToFloat(x);
+        return std::memcmp(&library, &here, sizeof here) == 0;
+    };
+    int differing = 0;
+    for (std::uint32_t bits = 0; bits <= 0x3f800000u; bits += 97) {
+        float x;
+        std::memcpy(&x, &bits, sizeof x);
+        const float twoX = 2.0f * x;
+        if (!same(twoX * 3.1415926536)) ++differing;
+    }
+    for (int k = 0; k <= 4; ++k)
+        for (double x = k * 1.5707963267948966 - 1e-6; x < k * 1.5707963267948966 + 1e-6;
+             x += 1.37e-11)
+            if (x >= 0.0 && !same(x)) ++differing;
+    EXPECT_EQ(differing, 0);
+    for (double x : {-0.5, -7.5, 7.0000001, 100.0, 1e300, double(INFINITY), double(NAN)}) {
+        const float library = float(std::cos(x)), here = sr::cosRoundedToFloat(x);
+        EXPECT_EQ(std::memcmp(&library, &here, sizeof here), 0) << x;
+    }
 }
 
 // ---------------------------------------------------------------- chorus
