@@ -1,6 +1,8 @@
 #include "util/ExactCos.h"
 
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 
 namespace sr {
 
@@ -20,30 +22,22 @@ constexpr double kHalfPi3 = 0x1.3198a2e037073p-69;
 constexpr double kTwoOverPi = 0x1.45f306dc9c883p-1;
 
 // Taylor series on |r| <= pi / 4 + a little: the first term left out is below 2^-57 of the
-// value.
+// value. The polynomials are evaluated in pairs of terms (Estrin's scheme) rather than one term
+// after another: the result then waits for nine operations in a row instead of eighteen.
 double cosNear0(double r) {
-    const double z = r * r;
-    return 1.0 +
-           z * (-inverseFactorial(2) +
-                z * (inverseFactorial(4) +
-                     z * (-inverseFactorial(6) +
-                          z * (inverseFactorial(8) + z * (-inverseFactorial(10) +
-                                                          z * (inverseFactorial(12) +
-                                                               z * (-inverseFactorial(14) +
-                                                                    z * inverseFactorial(16))))))));
+    const double z = r * r, z2 = z * z, z4 = z2 * z2;
+    constexpr auto c = inverseFactorial;
+    const double p0 = -c(2) + c(4) * z, p1 = -c(6) + c(8) * z;
+    const double p2 = -c(10) + c(12) * z, p3 = -c(14) + c(16) * z;
+    return 1.0 + z * ((p0 + p1 * z2) + (p2 + p3 * z2) * z4);
 }
 
 double sinNear0(double r) {
-    const double z = r * r;
-    return r +
-           r * z *
-               (-inverseFactorial(3) +
-                z * (inverseFactorial(5) +
-                     z * (-inverseFactorial(7) +
-                          z * (inverseFactorial(9) + z * (-inverseFactorial(11) +
-                                                          z * (inverseFactorial(13) +
-                                                               z * (-inverseFactorial(15) +
-                                                                    z * inverseFactorial(17))))))));
+    const double z = r * r, z2 = z * z, z4 = z2 * z2;
+    constexpr auto c = inverseFactorial;
+    const double p0 = -c(3) + c(5) * z, p1 = -c(7) + c(9) * z;
+    const double p2 = -c(11) + c(13) * z, p3 = -c(15) + c(17) * z;
+    return r + (r * z) * ((p0 + p1 * z2) + (p2 + p3 * z2) * z4);
 }
 
 } // namespace
@@ -51,10 +45,15 @@ double sinNear0(double r) {
 float cosRoundedToFloat(double x) {
     if (!(x >= 0.0 && x <= 7.0)) return float(std::cos(x));
     // x = k pi / 2 + r with |r| <= pi / 4 (a little more where x * 2 / pi rounds near a half).
-    const int k = int(x * kTwoOverPi + 0.5);
+    // Adding 1.5 x 2^52 rounds x * 2 / pi to an integer, which then stands in the low bits.
+    constexpr double kRound = 0x1.8p52;
+    const double shifted = x * kTwoOverPi + kRound;
+    const double k = shifted - kRound;
     const double r = ((x - k * kHalfPi1) - k * kHalfPi2) - k * kHalfPi3;
+    std::uint64_t bits;
+    std::memcpy(&bits, &shifted, sizeof bits);
     double c;
-    switch (k & 3) {
+    switch (bits & 3) {
     case 0:
         c = cosNear0(r);
         break;
