@@ -194,6 +194,12 @@ Plugin::~Plugin() {
 void Plugin::connectPort(std::uint32_t port, void* data) {
     if (port < kParameterCount) {
         controls[port] = data ? static_cast<const float*>(data) : &kUnconnectedPort;
+        const auto first = reinterpret_cast<std::uintptr_t>(controls[0]);
+        controlArray = controls[0];
+        for (std::size_t i = 0; i < kParameterCount && controlArray; ++i)
+            if (controls[i] == &kUnconnectedPort ||
+                reinterpret_cast<std::uintptr_t>(controls[i]) != first + i * sizeof(float))
+                controlArray = nullptr;
         return;
     }
     switch (port) {
@@ -228,17 +234,32 @@ void Plugin::activate() {
 
 // ---- run -----------------------------------------------------------------------------------
 
+bool Plugin::portsUnchanged() const {
+    simd::i32x4 differs{};
+    simd::i32x4 nowBits, before;
+    std::size_t i = 0;
+    if (controlArray) {
+        for (; i + 4 <= kParameterCount; i += 4) {
+            std::memcpy(&nowBits, controlArray + i, sizeof nowBits);
+            std::memcpy(&before, &portBits[i], sizeof before);
+            differs |= nowBits ^ before;
+        }
+        for (; i < kParameterCount; ++i) differs[0] |= bitsOf(controlArray[i]) ^ portBits[i];
+    } else {
+        for (; i < kControlSlots; i += 4) {
+            const simd::f32x4 now{*controls[i], *controls[i + 1], *controls[i + 2],
+                                  *controls[i + 3]};
+            std::memcpy(&nowBits, &now, sizeof now);
+            std::memcpy(&before, &portBits[i], sizeof before);
+            differs |= nowBits ^ before;
+        }
+    }
+    return (differs[0] | differs[1] | differs[2] | differs[3]) == 0;
+}
+
 void Plugin::readPorts() {
     // The usual case, told cheaply: every port holds what it held at the last call.
-    simd::i32x4 differs{};
-    for (std::size_t i = 0; i < kControlSlots; i += 4) {
-        const simd::f32x4 now{*controls[i], *controls[i + 1], *controls[i + 2], *controls[i + 3]};
-        simd::i32x4 nowBits, before;
-        std::memcpy(&nowBits, &now, sizeof now);
-        std::memcpy(&before, &portBits[i], sizeof before);
-        differs |= nowBits ^ before;
-    }
-    if ((differs[0] | differs[1] | differs[2] | differs[3]) == 0) {
+    if (portsUnchanged()) {
         adoptPorts = false;
         return;
     }

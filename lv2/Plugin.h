@@ -73,6 +73,8 @@ private:
            LogChannel::Sink logSink);
 
     void readPorts();
+    // Whether every port's value as last read is still there (the usual case).
+    bool portsUnchanged() const;
     // The MIDI input when it holds a sequence this plug-in can read; null otherwise.
     const LV2_Atom_Sequence* inputSequence() const;
     void readRequests();
@@ -106,6 +108,9 @@ private:
     static constexpr std::size_t kControlSlots = (kParameterCount + 3) / 4 * 4;
     std::array<const float*, kControlSlots> controls;
     alignas(16) std::array<std::uint32_t, kControlSlots> portBits;
+    // The first control port, when all of them lie in one array in port order (as lilv's
+    // lv2bench keeps them): they are then read four at a time. Null otherwise.
+    const float* controlArray = nullptr;
     // The effective values the host and the editor have been told about.
     std::array<float, kParameterCount> reported{};
     // After a restore, the ports' next values are taken as they stand, so the restored state
