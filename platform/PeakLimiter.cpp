@@ -76,10 +76,8 @@ void PeakLimiter::reset() {
     lastGain.store(1.0f, std::memory_order_relaxed);
 }
 
-void PeakLimiter::applySettingsIfChanged() {
-    const std::uint32_t version = settingsVersion.load(std::memory_order_acquire);
-    if (version == appliedVersion) return;
-    appliedVersion = version;
+void PeakLimiter::applySettings() {
+    appliedVersion = settingsVersion.load(std::memory_order_acquire);
     const double rate = sampleRate();
     preGainFactor = float(std::pow(10.0, preGain() / 20.0));
     // The times are time constants: 1/e of the distance is left after one of them. A time
@@ -120,7 +118,7 @@ void PeakLimiter::limitFrame(float* const* channels, std::uint32_t count, std::u
 
 void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
                           std::uint32_t frames) {
-    applySettingsIfChanged();
+    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
     float* used[kMaxChannels];
     std::uint32_t count = 0;
     if (channels != nullptr) {
@@ -130,16 +128,21 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
     if (count == 0 || frames == 0) return;
 
     const simd::f32x4 g = simd::splat(preGainFactor);
-    for (std::uint32_t begin = 0; begin < frames; begin += kGroup) {
-        // The per-frame path gives the same bits for such frames; this is only faster.
-        if (begin + kGroup <= frames && idle() &&
-            (count == 2 ? scaleBelowCeiling<2>(used, count, begin, g)
-                        : scaleBelowCeiling<0>(used, count, begin, g))) {
-            lastApplied = 1.0;
-        } else {
-            for (std::uint32_t i = begin; i < std::min(frames, begin + kGroup); ++i)
-                limitFrame(used, count, i);
+    for (std::uint32_t begin = 0; begin < frames;) {
+        if (idle()) {
+            // Whole groups while nothing reaches the ceiling; the per-frame path gives the same
+            // bits for such frames, this is only faster.
+            const std::uint32_t from = begin;
+            while (begin + kGroup <= frames &&
+                   (count == 2 ? scaleBelowCeiling<2>(used, count, begin, g)
+                               : scaleBelowCeiling<0>(used, count, begin, g)))
+                begin += kGroup;
+            if (begin > from) lastApplied = 1.0;
+            if (begin == frames) break;
         }
+        // A group with a peak, a reduction under way, or the last few frames.
+        const std::uint32_t end = std::min(frames, begin + kGroup);
+        for (; begin < end; ++begin) limitFrame(used, count, begin);
     }
     lastGain.store(float(lastApplied), std::memory_order_relaxed);
 }

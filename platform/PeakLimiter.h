@@ -59,7 +59,8 @@ public:
     float currentGain() const { return lastGain.load(std::memory_order_relaxed); }
 
 private:
-    void applySettingsIfChanged();
+    // Takes the settings in force (their version changed since they were last taken).
+    void applySettings();
     bool idle() const { return heldDeficit == 0.0 && smoothDeficit == 0.0; }
     void limitFrame(float* const* channels, std::uint32_t count, std::uint32_t frame);
 

@@ -5,7 +5,7 @@
 #include "platform/AUAudioUnit.h"
 #include "platform/PeakLimiter.h"
 
-class PeakLimiterUnit : public AUAudioUnit {
+class PeakLimiterUnit final : public AUAudioUnit {
 public:
     static constexpr AudioComponentDescription kDescription{
         kAudioUnitType_Effect, fourCharCode("lmtr"), fourCharCode("TAVs"), 0, 0};
