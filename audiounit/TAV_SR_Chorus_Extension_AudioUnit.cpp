@@ -332,22 +332,26 @@ AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
             return noErr;
         }
 
-        const AUEventSampleTime start =
-            timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
-        for (const AURenderEvent* event = realtimeEventListHead; event; event = event->head.next) {
-            traceEvent(event, outputBusNumber, instance);
-            const AURenderEventType type = event->head.eventType;
-            if (type != AURenderEventMIDI && type != AURenderEventMIDISysEx) continue;
-            monitor_.record(AUMIDIEventEx::from(event->MIDI));
-            // All MIDI leaves on the one output, at its frame within this call.
-            if (*midiOut &&
-                (*midiOut)(AUEventSampleTimeImmediate + (event->head.eventSampleTime - start),
-                           event->MIDI.cable, event->MIDI.length, event->MIDI.bytes()) != noErr)
-                log_.safeprint("SENDING MIDI OUT failed!\n");
+        if (realtimeEventListHead) {
+            const AUEventSampleTime start =
+                timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
+            for (const AURenderEvent* event = realtimeEventListHead; event;
+                 event = event->head.next) {
+                traceEvent(event, outputBusNumber, instance);
+                const AURenderEventType type = event->head.eventType;
+                if (type != AURenderEventMIDI && type != AURenderEventMIDISysEx) continue;
+                monitor_.record(AUMIDIEventEx::from(event->MIDI));
+                // All MIDI leaves on the one output, at its frame within this call.
+                if (*midiOut &&
+                    (*midiOut)(AUEventSampleTimeImmediate + (event->head.eventSampleTime - start),
+                               event->MIDI.cable, event->MIDI.length, event->MIDI.bytes()) != noErr)
+                    log_.safeprint("SENDING MIDI OUT failed!\n");
+            }
+            // The whole list is handed over once, so each event reaches the mapping once and in
+            // order (walking the rest of the list again for every event would multiply the
+            // tasks).
+            processIncomingEvents(realtimeEventListHead);
         }
-        // The whole list is handed over once, so each event reaches the mapping once and in
-        // order (walking the rest of the list again for every event would multiply the tasks).
-        processIncomingEvents(realtimeEventListHead);
 
         const AUAudioUnitStatus status =
             adapter->render(actionFlags, timestamp, frameCount, 0, outputData,

@@ -107,7 +107,7 @@ private:
         // both outputs the same memory, the call renders into scratch memory, copied out last.
         float* host[kChannels] = {output[0] + offset, output[1] + offset};
         const bool outputsOverlap = host[0] < host[1] + frames && host[1] < host[0] + frames;
-        AudioBufferList list;
+        AudioBufferList& list = callOutput;
         list.mNumberBuffers = kChannels;
         for (std::uint32_t c = 0; c < kChannels; ++c)
             list.mBuffers[c] = {1, bytes, outputsOverlap ? scratch[c].data() : host[c]};
@@ -142,6 +142,9 @@ private:
     AUAudioFrameCount maxCall = 0;
     std::unique_ptr<RenderEventList<>> events;
     std::array<std::vector<float>, kChannels> scratch;
+    // The output list handed to the render block, kept so that a call fills in only its
+    // channels' buffers.
+    AudioBufferList callOutput;
     std::uint32_t cycleFrames = 0;
     std::uint32_t callOffset = 0;
     std::uint64_t dropped = 0;

@@ -17,7 +17,18 @@ public:
     // samples of every buffer of the list. Only once the meter has been read: until then
     // rendering does not pay for it.
     void measure(const AudioBufferList* list, AUAudioFrameCount frames) {
-        if (!list || !read.load(std::memory_order_relaxed)) return;
+        if (list && read.load(std::memory_order_relaxed)) raise(list, frames);
+    }
+    // Any thread: the peak since the last take (the first take starts the measuring and
+    // returns 0).
+    float take() {
+        read.store(true, std::memory_order_relaxed);
+        return held.exchange(0.0f, std::memory_order_relaxed);
+    }
+
+private:
+    // The measuring itself, kept out of line: the render path inlines only the check above.
+    [[gnu::noinline]] void raise(const AudioBufferList* list, AUAudioFrameCount frames) {
         // Two running maxima four lanes wide for all channels, so the comparisons do not wait
         // on each other; one reduction at the end.
         using sr::simd::f32x4;
@@ -40,14 +51,7 @@ public:
                !held.compare_exchange_weak(current, peak, std::memory_order_relaxed)) {
         }
     }
-    // Any thread: the peak since the last take (the first take starts the measuring and
-    // returns 0).
-    float take() {
-        read.store(true, std::memory_order_relaxed);
-        return held.exchange(0.0f, std::memory_order_relaxed);
-    }
 
-private:
     std::atomic<float> held{0.0f};
     std::atomic<bool> read{false};
 };
