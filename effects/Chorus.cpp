@@ -104,79 +104,9 @@ namespace {
 template <int N>
 [[gnu::always_inline]] inline void tapsOfChunk(Chorus::Block& b, int count,
                                                Chorus::Block::Taps& taps) {
-    using F = typename sr::simd::Vec<N>::f32;
-    using I = typename sr::simd::Vec<N>::i32;
-#define store(to, v)                                                                               \
-    do {                                                                                           \
-        const F value = (v);                                                                       \
-        std::memcpy((to), &value, sizeof value);                                                   \
-    } while (false)
-    const I lineLength = I{} + b.maxDelay;
-    const F n = F{} + float(b.frames), offset = F{} + b.wrapOffset;
-    F i{}, from[2], to[2];
-    I position[2], lane{};
-    for (int k = 0; k < N; ++k) {
-        i[k] = float(b.done + k);
-        lane[k] = k + 1 - N;
-    }
-    for (int c = 0; c < 2; ++c) {
-        from[c] = F{} + b.delayOld[c];
-        to[c] = F{} + b.delayNew[c];
-        // The first N write positions: one step each after the last, back to 0 at the end of
-        // the line.
-        position[c] = I{} + b.write[c] + lane + N;
-        position[c] -= lineLength & (position[c] >= lineLength);
-    }
-    for (int g = 0; g < count; g += N) {
-        F w[2];
-        for (int c = 0; c < 2; ++c) {
-            // The delay glides linearly from its value at the block start to the one at its
-            // end.
-            const F d = (from[c] * (n - i) + to[c] * i) / n;
-            const F pos = (__builtin_convertvector(position[c], F) - d) + offset;
-            // getdelay() keeps d below maxDelay - 0.5, so pos > maxDelay and its integer part
-            // is its truncation, below 4 maxDelay: the remainder takes three subtractions.
-            const I whole = __builtin_convertvector(pos, I);
-            I hi = whole - lineLength;
-            hi -= lineLength & (hi >= lineLength);
-            hi -= lineLength & (hi >= lineLength);
-            const I lo = (hi - 1) + (lineLength & (hi == 0)); // (hi - 1) mod maxDelay
-            std::memcpy(&taps.hi[c][g], &hi, sizeof hi);
-            std::memcpy(&taps.lo[c][g], &lo, sizeof lo);
-            std::memcpy(&taps.write[c][g], &position[c], sizeof position[c]);
-            // 1 - fmod(pos, 1): for pos > 0 the fraction pos - trunc(pos) is exact, as fmod is.
-            w[c] = 1.0f - (pos - __builtin_convertvector(whole, F));
-            position[c] += N;
-            position[c] -= lineLength & (position[c] >= lineLength);
-        }
-        // Frame by frame: the weights at lo (left, right), then those at hi.
-        if constexpr (N == 4) {
-            const F lr01 = __builtin_shufflevector(w[0], w[1], 0, 4, 1, 5);
-            const F lr23 = __builtin_shufflevector(w[0], w[1], 2, 6, 3, 7);
-            const F rest01 = 1.0f - lr01, rest23 = 1.0f - lr23;
-            store(taps.weight[g], __builtin_shufflevector(lr01, rest01, 0, 1, 4, 5));
-            store(taps.weight[g + 1], __builtin_shufflevector(lr01, rest01, 2, 3, 6, 7));
-            store(taps.weight[g + 2], __builtin_shufflevector(lr23, rest23, 0, 1, 4, 5));
-            store(taps.weight[g + 3], __builtin_shufflevector(lr23, rest23, 2, 3, 6, 7));
-        } else {
-            const F lr0123 = __builtin_shufflevector(w[0], w[1], 0, 8, 1, 9, 2, 10, 3, 11);
-            const F lr4567 = __builtin_shufflevector(w[0], w[1], 4, 12, 5, 13, 6, 14, 7, 15);
-            const F rest0123 = 1.0f - lr0123, rest4567 = 1.0f - lr4567;
-            // Two frames per vector.
-            store(taps.weight[g],
-                  __builtin_shufflevector(lr0123, rest0123, 0, 1, 8, 9, 2, 3, 10, 11));
-            store(taps.weight[g + 2],
-                  __builtin_shufflevector(lr0123, rest0123, 4, 5, 12, 13, 6, 7, 14, 15));
-            store(taps.weight[g + 4],
-                  __builtin_shufflevector(lr4567, rest4567, 0, 1, 8, 9, 2, 3, 10, 11));
-            store(taps.weight[g + 6],
-                  __builtin_shufflevector(lr4567, rest4567, 4, 5, 12, 13, 6, 7, 14, 15));
-        }
-        i += float(N);
-    }
-#undef store
-    for (int c = 0; c < 2; ++c) b.write[c] = taps.write[c][count - 1];
-    b.done += count;
+    Chorus::Block::TapLanes<N> lanes(b);
+    for (int g = 0; g < count; g += N) lanes.group(taps, g);
+    Chorus::Block::TapLanes<N>::finish(b, taps, count - 1, count);
 }
 
 void tapsFourWide(Chorus::Block& b, int count, Chorus::Block::Taps& taps) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <vector>
 
 #include "effects/Effect.h"
@@ -102,6 +103,13 @@ struct Chorus::Block {
     template <bool NearDelays>
     void computeTaps(int count, Taps& taps);
 
+    // The same for near delays, N frames per vector (4, or 8 with AVX2), a group of N frames
+    // at a time: for loops that work a group out while the group before it is rendered.
+    // Construct it at the block's next frame; after the last group, finish() keeps the write
+    // positions and the count of frames done in the block.
+    template <int N>
+    struct TapLanes;
+
     // Frame k of the chunk whose taps were computed, both channels, the chorus's input being
     // `in`: the interpolated read, then the write of the input with cross-feed and feedback
     // (steps 6 and 7), then polarity and panning. Returns the wet output.
@@ -117,5 +125,96 @@ struct Chorus::Block {
         lineLeft[t.write[0][k]] = written[0];
         lineRight[t.write[1][k]] = written[1];
         return o * panning;
+    }
+};
+
+template <int N>
+struct Chorus::Block::TapLanes {
+    using F = typename sr::simd::Vec<N>::f32;
+    using I = typename sr::simd::Vec<N>::i32;
+
+    I lineLength;
+    F n, offset;
+    F i;              // the frames of the next group
+    F from[2], to[2]; // the delays at the block's start and end, per channel
+    I position[2];    // the write positions of the next group's frames
+
+    [[gnu::always_inline]] explicit TapLanes(const Block& b) {
+        lineLength = I{} + b.maxDelay;
+        n = F{} + float(b.frames);
+        offset = F{} + b.wrapOffset;
+        I lane;
+        for (int k = 0; k < N; ++k) {
+            i[k] = float(b.done + k);
+            lane[k] = k + 1 - N;
+        }
+        for (int c = 0; c < 2; ++c) {
+            from[c] = F{} + b.delayOld[c];
+            to[c] = F{} + b.delayNew[c];
+            // One step each after the last, back to 0 at the end of the line.
+            position[c] = I{} + b.write[c] + lane + N;
+            position[c] -= lineLength & (position[c] >= lineLength);
+        }
+    }
+
+    // The next N frames, into taps at frame index `at`.
+    [[gnu::always_inline]] void group(Taps& taps, int at) {
+        F w[2];
+        for (int c = 0; c < 2; ++c) {
+            // The delay glides linearly from its value at the block start to the one at its
+            // end.
+            const F d = (from[c] * (n - i) + to[c] * i) / n;
+            const F pos = (__builtin_convertvector(position[c], F) - d) + offset;
+            // getdelay() keeps d below maxDelay - 0.5, so pos > maxDelay and its integer part
+            // is its truncation, below 4 maxDelay: the remainder takes three subtractions.
+            const I whole = __builtin_convertvector(pos, I);
+            I hi = whole - lineLength;
+            hi -= lineLength & (hi >= lineLength);
+            hi -= lineLength & (hi >= lineLength);
+            const I lo = (hi - 1) + (lineLength & (hi == 0)); // (hi - 1) mod maxDelay
+            std::memcpy(&taps.hi[c][at], &hi, sizeof hi);
+            std::memcpy(&taps.lo[c][at], &lo, sizeof lo);
+            std::memcpy(&taps.write[c][at], &position[c], sizeof position[c]);
+            // 1 - fmod(pos, 1): for pos > 0 the fraction pos - trunc(pos) is exact, as fmod is.
+            w[c] = 1.0f - (pos - __builtin_convertvector(whole, F));
+            position[c] += N;
+            position[c] -= lineLength & (position[c] >= lineLength);
+        }
+        // Frame by frame: the weights at lo (left, right), then those at hi.
+        if constexpr (N == 4) {
+            const F lr01 = __builtin_shufflevector(w[0], w[1], 0, 4, 1, 5);
+            const F lr23 = __builtin_shufflevector(w[0], w[1], 2, 6, 3, 7);
+            const F rest01 = 1.0f - lr01, rest23 = 1.0f - lr23;
+            store(taps.weight[at], __builtin_shufflevector(lr01, rest01, 0, 1, 4, 5));
+            store(taps.weight[at + 1], __builtin_shufflevector(lr01, rest01, 2, 3, 6, 7));
+            store(taps.weight[at + 2], __builtin_shufflevector(lr23, rest23, 0, 1, 4, 5));
+            store(taps.weight[at + 3], __builtin_shufflevector(lr23, rest23, 2, 3, 6, 7));
+        } else {
+            const F lr0123 = __builtin_shufflevector(w[0], w[1], 0, 8, 1, 9, 2, 10, 3, 11);
+            const F lr4567 = __builtin_shufflevector(w[0], w[1], 4, 12, 5, 13, 6, 14, 7, 15);
+            const F rest0123 = 1.0f - lr0123, rest4567 = 1.0f - lr4567;
+            // Two frames per vector.
+            store(taps.weight[at],
+                  __builtin_shufflevector(lr0123, rest0123, 0, 1, 8, 9, 2, 3, 10, 11));
+            store(taps.weight[at + 2],
+                  __builtin_shufflevector(lr0123, rest0123, 4, 5, 12, 13, 6, 7, 14, 15));
+            store(taps.weight[at + 4],
+                  __builtin_shufflevector(lr4567, rest4567, 0, 1, 8, 9, 2, 3, 10, 11));
+            store(taps.weight[at + 6],
+                  __builtin_shufflevector(lr4567, rest4567, 4, 5, 12, 13, 6, 7, 14, 15));
+        }
+        i += float(N);
+    }
+
+    // After the last group: its last frame `last` (an index into taps) wrote at the positions
+    // the next frame follows, and `count` frames of the block are done.
+    [[gnu::always_inline]] static void finish(Block& b, const Taps& taps, int last, int count) {
+        for (int c = 0; c < 2; ++c) b.write[c] = taps.write[c][last];
+        b.done += count;
+    }
+
+private:
+    [[gnu::always_inline]] static void store(float* to, F value) {
+        std::memcpy(to, &value, sizeof value);
     }
 };

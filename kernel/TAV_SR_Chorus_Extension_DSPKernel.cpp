@@ -203,7 +203,12 @@ void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right,
         bandSplitter.gainLow == 1.0f && bandSplitter.gainMid == 1.0f &&
         bandSplitter.gainHigh == 1.0f) {
         Chorus::Block block = chorus->beginBlock();
-        if (block.nearDelays && mix != 0.0f)
+        if (block.nearDelays && sr::simd::wideVectors()) {
+            if (mix != 0.0f)
+                processInOnePassWide<true>(left, right, n, block, dry, wet, mix);
+            else
+                processInOnePassWide<false>(left, right, n, block, dry, wet, mix);
+        } else if (block.nearDelays && mix != 0.0f)
             processInOnePass<true, true>(left, right, n, block, dry, wet, mix);
         else if (block.nearDelays)
             processInOnePass<true, false>(left, right, n, block, dry, wet, mix);
@@ -245,6 +250,20 @@ template <bool NearDelays, bool MixOpen>
 void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(float* left, float* right, int n,
                                                          Chorus::Block& block, float dry, float wet,
                                                          float mix) {
+    onePassLoop<NearDelays, MixOpen, false>(left, right, n, block, dry, wet, mix);
+}
+
+template <bool MixOpen>
+void TAV_SR_Chorus_Extension_DSPKernel::processInOnePassWide(float* left, float* right, int n,
+                                                             Chorus::Block& block, float dry,
+                                                             float wet, float mix) {
+    onePassLoop<true, MixOpen, true>(left, right, n, block, dry, wet, mix);
+}
+
+template <bool NearDelays, bool MixOpen, bool Wide>
+inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(float* left, float* right, int n,
+                                                           Chorus::Block& block, float dry,
+                                                           float wet, float mix) {
     using sr::simd::f32x4;
     // Locals, so that the recursions stay in registers.
     BandSplitFilter3::Lanes split = bandSplitter.lanes();
@@ -254,28 +273,45 @@ void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(float* left, float* rig
     const float dryMix = 1.0f - mix;
     f32x4 input = sr::simd::stereo(left[0], right[0]);
     split.start(input);
-    for (int first = 0; first < n; first += Chorus::Block::Taps::kFrames) {
-        const int count = std::min(n - first, Chorus::Block::Taps::kFrames);
-        chorus.computeTaps<NearDelays>(count, taps); // 3, ahead: where each frame reads
-        for (int k = 0; k < count; ++k) {
-            const int i = first + k;
-            f32x4 low, middle, high, nextInput{};
-            if (i + 1 < n) { // 1
-                nextInput = sr::simd::stereo(left[i + 1], right[i + 1]);
-                split.next(nextInput, low, middle, high);
-            } else {
-                split.finish(low, middle, high);
-            }
-            middle = middle + noise[i];                          // 2
-            const f32x4 chorused = chorus.step(taps, k, middle); // 3
-            middle = middle * dry + chorused * wet;              // 4
-            const f32x4 sum = low + middle + high;               // 5
-            if constexpr (MixOpen) {                             // 6
-                const f32x4 out = sum * mix + input * dryMix;
-                left[i] = out[0];
-                right[i] = out[1];
-            }
-            input = nextInput;
+    // Frame i, whose taps are at index k.
+    auto frame = [&](int i, int k) {
+        f32x4 low, middle, high, nextInput{};
+        if (i + 1 < n) { // 1
+            nextInput = sr::simd::stereo(left[i + 1], right[i + 1]);
+            split.next(nextInput, low, middle, high);
+        } else {
+            split.finish(low, middle, high);
+        }
+        middle = middle + noise[i];                          // 2
+        const f32x4 chorused = chorus.step(taps, k, middle); // 3
+        middle = middle * dry + chorused * wet;              // 4
+        const f32x4 sum = low + middle + high;               // 5
+        if constexpr (MixOpen) {                             // 6
+            const f32x4 out = sum * mix + input * dryMix;
+            left[i] = out[0];
+            right[i] = out[1];
+        }
+        input = nextInput;
+    };
+    if constexpr (Wide) {
+        // The taps in eight-frame groups around a ring of Taps::kFrames: each group's are
+        // worked out (3, ahead) before the frames of the group before it, so that the work
+        // runs alongside those frames' filter recursion.
+        constexpr int kGroup = 8, kRing = Chorus::Block::Taps::kFrames;
+        static_assert(kRing % kGroup == 0 && kRing >= 2 * kGroup);
+        Chorus::Block::TapLanes<kGroup> lanes(chorus);
+        lanes.group(taps, 0);
+        for (int first = 0; first < n; first += kGroup) {
+            if (first + kGroup < n) lanes.group(taps, (first + kGroup) % kRing);
+            const int end = std::min(n, first + kGroup);
+            for (int i = first; i < end; ++i) frame(i, i % kRing);
+        }
+        Chorus::Block::TapLanes<kGroup>::finish(chorus, taps, (n - 1) % kRing, n);
+    } else {
+        for (int first = 0; first < n; first += Chorus::Block::Taps::kFrames) {
+            const int count = std::min(n - first, Chorus::Block::Taps::kFrames);
+            chorus.computeTaps<NearDelays>(count, taps); // 3, ahead: where each frame reads
+            for (int k = 0; k < count; ++k) frame(first + k, k);
         }
     }
     bandSplitter.setLanes(split);

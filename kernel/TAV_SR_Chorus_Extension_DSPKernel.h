@@ -66,6 +66,17 @@ private:
     template <bool NearDelays, bool MixOpen>
     void processInOnePass(float* left, float* right, int n, Chorus::Block& chorus, float dry,
                           float wet, float mix);
+    // The same for near delays where the processor has AVX2: the same operations, so the same
+    // bits, with the read positions worked out eight frames at a time while the eight frames
+    // before them are rendered.
+    template <bool MixOpen>
+    [[gnu::target("avx2")]] void processInOnePassWide(float* left, float* right, int n,
+                                                      Chorus::Block& chorus, float dry, float wet,
+                                                      float mix);
+    template <bool NearDelays, bool MixOpen, bool Wide>
+    [[gnu::always_inline]] inline void onePassLoop(float* left, float* right, int n,
+                                                   Chorus::Block& chorus, float dry, float wet,
+                                                   float mix);
     // The band splitter's cutoffs from the stored split points, each limited by the other.
     void applyLowerSplit();
     void applyUpperSplit();
