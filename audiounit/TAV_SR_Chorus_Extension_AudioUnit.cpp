@@ -294,6 +294,8 @@ AUAudioUnitStatus TAV_SR_Chorus_Extension_AudioUnit::renderWithLimiter(
     auto presentKernelOutput = [outputData](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
                                             AUAudioFrameCount frames, NSInteger,
                                             AudioBufferList* input) -> AUAudioUnitStatus {
+        // The limiter pulls into the list it renders in, which holds the kernel's output.
+        if (input == outputData) return noErr;
         if (input->mNumberBuffers > outputData->mNumberBuffers)
             return kAudioUnitErr_InvalidParameter;
         for (std::uint32_t c = 0; c < input->mNumberBuffers; ++c) {
