@@ -5,7 +5,6 @@
 // Threading: every entry point is the host's UI thread.
 #include <algorithm>
 #include <bitset>
-#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -83,7 +82,6 @@ private:
     // The host's port values as it last told us (or we wrote them).
     std::array<float, kParameterCount> hostValues{};
     std::bitset<kParameterCount> hostKnown;
-    std::chrono::steady_clock::time_point nextTimer;
 };
 
 UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_URID_Map* map,
@@ -95,7 +93,6 @@ UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_U
     controller.viewDidLoad();
     controller.setAudioUnit(&mirror);
     controller.mainQueue().drain(); // connects the panel to the mirror
-    nextTimer = std::chrono::steady_clock::now();
 }
 
 UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host,
@@ -179,17 +176,8 @@ void UI::portEvent(std::uint32_t port, std::uint32_t size, std::uint32_t format,
 }
 
 int UI::idle() {
-    controller.mainQueue().drain();
-    const auto now = std::chrono::steady_clock::now();
-    if (now >= nextTimer) {
-        controller.onTimer();
-        const auto period = std::chrono::microseconds(
-            std::int64_t(editor::AudioUnitViewController::kTimerInterval * 1e6));
-        nextTimer += period;
-        if (nextTimer < now) nextTimer = now + period;
-    }
-    window->processEvents();
-    return window->closeRequested() ? 1 : 0;
+    window->idle();
+    return window->closeRequested() || window->lost() ? 1 : 0;
 }
 
 namespace {
