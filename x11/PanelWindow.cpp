@@ -6,6 +6,7 @@
 #include <X11/keysym.h>
 #include <cairo-xlib.h>
 #include <cairo.h>
+#include <poll.h>
 #include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
@@ -197,12 +198,9 @@ PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t pare
 
 PanelWindow::~PanelWindow() {
     if (!display) return;
-    if (lost_) {
-        // What the server held went with the connection; only our side is freed.
-        if (backSurface) cairo_surface_destroy(backSurface);
-        XCloseDisplay(display);
-        return;
-    }
+    // Freeing anything of a dropped connection (the surface, the display) would talk to it and
+    // run into Xlib's error path again: it is left as it is, once.
+    if (lost_) return;
     releaseBackBuffer();
     for (std::uintptr_t cursor : cursors)
         if (cursor) XFreeCursor(display, Cursor(cursor));
@@ -388,8 +386,23 @@ void PanelWindow::handle(const void* raw) {
     }
 }
 
+bool PanelWindow::connectionClosed() const {
+    // The server's hang-up shows at once, also behind events not read yet.
+    pollfd connection{ConnectionNumber(display), POLLRDHUP, 0};
+    return ::poll(&connection, 1, 0) > 0 &&
+           (connection.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL));
+}
+
 int PanelWindow::processEvents() {
     if (!ok() || lost_) return 0;
+    // The server's hang-up seen before Xlib meets it (a server that ended): nothing more is
+    // sent. Met inside an Xlib call instead (events that came before it), it reaches
+    // connectionLost() through Xlib's error path.
+    if (connectionClosed()) {
+        lost_ = true;
+        input.grabLost();
+        return 0;
+    }
     int handled = 0;
     while (!lost_ && XPending(display)) {
         XEvent event;

@@ -75,6 +75,8 @@ private:
     void releaseFocus();
     bool isAncestor(std::uintptr_t candidate) const;
     static void connectionLost(Display* display, void* self);
+    // The server closed the connection (seen on the socket, without Xlib).
+    bool connectionClosed() const;
 
     editor::AudioUnitViewController& controller;
     editor::PanelInput input;
