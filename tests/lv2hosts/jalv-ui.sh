@@ -36,8 +36,15 @@ run_at_scale() {
     local kx=$((x + 137 * scale)) ky=$((y + 222 * scale)) step
     xdotool mousemove "$kx" "$ky" sleep 0.2 mousedown 1 sleep 0.1
     for step in 10 20 30 40; do xdotool mousemove "$kx" $((ky - step * scale)) sleep 0.05; done
-    xdotool sleep 0.1 mouseup 1 sleep 1
+    xdotool sleep 0.1 mouseup 1
     kill -0 "$jalv" 2>/dev/null || fail "jalv.gtk3 died: $(cat "jalv$scale.err")"
+    # The plug-in logs each value it takes: wait for the drag's to arrive.
+    dragged() {
+        cat "jalv$scale.out" "jalv$scale.err" |
+            grep -o 'unit received parameter : address:7, value:[0-9.]*' | tail -n1 |
+            awk -F'value:' '{ exit !($2 > 0.50 && $2 < 0.56) }'
+    }
+    eventually dragged || true # judged below, with the value found
     import -window root -crop "${width}x${height}+$x+$y" "drag$scale.png"
     cp "drag$scale.png" "$SHOTS/jalv-ui-scale$scale-after-drag.png"
     stop "$jalv" INT

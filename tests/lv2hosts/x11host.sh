@@ -45,6 +45,17 @@ find_editor() {
     WY=$(xwininfo -id "$WINDOW" | awk '/Absolute upper-left Y/ {print $4}')
 }
 
+# eventually CMD...: succeeds as soon as CMD does, trying for up to 10 s. A loaded machine may
+# take its time to deliver input to the editor, draw it and pass values on to the plug-in.
+eventually() {
+    local i
+    for ((i = 0; i < 100; i++)); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}
+
 # The colour at x,y of a PNG as "r g b" (0..255).
 pixel() {
     convert "$1" -format "%[fx:int(255*p{$2,$3}.r)] %[fx:int(255*p{$2,$3}.g)] %[fx:int(255*p{$2,$3}.b)]" info:
