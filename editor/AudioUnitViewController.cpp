@@ -97,6 +97,7 @@ void AudioUnitViewController::onTimer() {
         note("WARNING: The Audio unit is not initialized.");
         return;
     }
+    updateSpectrum(kTimerInterval);
     const bool bypass = audioUnit_->shouldBypassEffect();
     if (touchesLocked_) return;
     AUParameterTree* tree = audioUnit_->parameterTree();
@@ -112,6 +113,40 @@ void AudioUnitViewController::onTimer() {
         pluginView.baseClass.isBypassActive = bypass;
         pluginView.setNeedsDisplay();
     }
+}
+
+void AudioUnitViewController::setSampleRate(double rate) {
+    if (!(rate > 0.0) || rate == pluginView.baseClass.sampleRate) return;
+    pluginView.baseClass.sampleRate = rate;
+    pluginView.baseClass.spectrum.clear();
+    analyzer.setSampleRate(rate);
+    pluginView.setNeedsDisplay();
+}
+
+void AudioUnitViewController::takeInput(const float* samples, std::size_t count, double rate) {
+    setSampleRate(rate);
+    if (analyzer.sampleRate() != rate) analyzer.setSampleRate(rate);
+    analyzer.push(samples, count);
+}
+
+void AudioUnitViewController::updateSpectrum(double seconds) {
+    TAVSRChorusViewBase& panel = pluginView.baseClass;
+    const bool wasVisible = panel.spectrum.visible();
+    if (analyzer.hasNewSamples()) {
+        panel.spectrum.update(analyzer.analyse(), analyzer.binHz(), panel.splitAxis(), seconds);
+        quiet = 0.0;
+    } else if (wasVisible) {
+        // The host stopped sending (transport, a closed tap): after a moment, it fades out.
+        quiet += seconds;
+        if (quiet > 0.2) panel.spectrum.fall(seconds);
+    }
+    if (wasVisible || panel.spectrum.visible()) pluginView.setNeedsDisplay();
+}
+
+void AudioUnitViewController::showSpectrum(const std::vector<float>& binsDb, double binHz) {
+    TAVSRChorusViewBase& panel = pluginView.baseClass;
+    panel.spectrum.update(binsDb, binHz, panel.splitAxis(), 0.0);
+    pluginView.setNeedsDisplay();
 }
 
 AUParameter* AudioUnitViewController::parameter(AUParameterAddress address) const {

@@ -12,6 +12,7 @@
 
 #include "editor/EditorAudioUnit.h"
 #include "editor/PluginFrameBaseEx.h"
+#include "editor/SpectrumAnalyzer.h"
 #include "editor/TAVSRChorusView.h"
 #include "kernel/ParameterTable.h"
 #include "platform/MainQueue.h"
@@ -37,7 +38,16 @@ public:
     // Shows the panel; the host then calls onTimer() every kTimerInterval seconds.
     void viewDidLoad();
     void connectParameters();
+    // Refreshes the panel from the unit, and the spectrum from the input that came since.
     void onTimer();
+
+    // The host's sample rate: the split points' frequencies and the spectrum follow it.
+    void setSampleRate(double rate);
+    // Samples of the plug-in's input (the mean of left and right), oldest first, at `rate`;
+    // the spectrum behind the split bar shows them from the next onTimer() on.
+    void takeInput(const float* samples, std::size_t count, double rate);
+    // For a still picture: a spectrum (dB per bin of `binHz`) shown as it is, without easing.
+    void showSpectrum(const std::vector<float>& binsDb, double binHz);
 
     void setParameter(AUParameterAddress address, AUValue value);
     AUValue getParameter(AUParameterAddress address) const;
@@ -69,6 +79,7 @@ private:
     // The unit's parameter at an address; null, with a log line, when there is none.
     AUParameter* parameter(AUParameterAddress address) const;
     void forwardToPanel(AUParameterAddress address, AUValue value);
+    void updateSpectrum(double seconds);
 
     LogChannel* logChannel;
     EditorAudioUnit* audioUnit_ = nullptr;
@@ -80,6 +91,9 @@ private:
     std::bitset<kParameterCount> gestures;
     // What the panel was last given of each parameter (NaN: nothing yet).
     std::array<float, kParameterCount> shown{};
+    SpectrumAnalyzer analyzer;
+    // Seconds since input last came, while the spectrum still shows.
+    double quiet = 0.0;
 };
 
 } // namespace sr::editor

@@ -4,6 +4,7 @@
 #include <numbers>
 
 #include "editor/CairoShapes.h"
+#include "kernel/SplitFrequencies.h"
 
 namespace sr::editor {
 
@@ -200,9 +201,92 @@ void TAVSRChorusViewBase::drawBackground(cairo_t* cr) {
     }
 }
 
+const SplitAxis& TAVSRChorusViewBase::splitAxis() {
+    axis.update(valueSplitLP, valueSplitHP, sampleRate);
+    return axis;
+}
+
+void TAVSRChorusViewBase::drawSpectrum(cairo_t* cr) {
+    if (!spectrum.visible()) return;
+    spectrum.follow(splitAxis());
+    constexpr double top = 90, bottom = 161;
+    constexpr int columns = SpectrumDisplay::kColumns;
+    auto y = [](float db) {
+        const double t = (db - SpectrumDisplay::kBottomDb) /
+                         (SpectrumDisplay::kTopDb - SpectrumDisplay::kBottomDb);
+        return bottom - (bottom - top) * std::clamp(t, 0.0, 1.0);
+    };
+    cairo_save(cr);
+    roundedRect(cr, {kSplitLeft, top, kSplitWidth, bottom - top}, 6);
+    cairo_clip(cr);
+    // A curve through the columns, closed along the bar's foot.
+    auto curve = [&](auto level) {
+        cairo_move_to(cr, SpectrumDisplay::kLeft, y(level(0)));
+        for (int c = 1; c < columns; ++c)
+            cairo_line_to(cr, SpectrumDisplay::kLeft + c, y(level(c)));
+    };
+    auto area = [&](auto level, const UIColor& high, const UIColor& foot, const UIColor& edge,
+                    double width) {
+        curve(level);
+        cairo_line_to(cr, SpectrumDisplay::kLeft + columns - 1, bottom + 1);
+        cairo_line_to(cr, SpectrumDisplay::kLeft, bottom + 1);
+        cairo_close_path(cr);
+        cairo_pattern_t* fill = cairo_pattern_create_linear(0, 90, 0, bottom);
+        high.addStop(fill, 0);
+        foot.addStop(fill, 1);
+        cairo_set_source(cr, fill);
+        cairo_fill(cr);
+        cairo_pattern_destroy(fill);
+        curve(level);
+        edge.set(cr);
+        cairo_set_line_width(cr, width);
+        cairo_stroke(cr);
+    };
+    // The whole input, quietly; over it the part the chorus gets, in the accent colour.
+    area([this](int c) { return spectrum.input(c); }, colorContrast.withAlpha(0.30),
+         colorContrast.withAlpha(0.04), colorContrast.withAlpha(0.55), 1.0);
+    const UIColor band = colorEmphasize.mixed(UIColor::white(), 0.25);
+    area([this](int c) { return spectrum.band(c); }, band.withAlpha(0.7), band.withAlpha(0.0),
+         band.mixed(UIColor::white(), 0.35), 1.2);
+    cairo_restore(cr);
+}
+
+void TAVSRChorusViewBase::drawSplitFrequencies(cairo_t* cr, double lp, double hp) {
+    const SplitAxis& a = splitAxis();
+    char lower[16], upper[16];
+    formatHz(a.lowerHz(), lower, sizeof lower);
+    formatHz(a.upperHz(), upper, sizeof upper);
+    constexpr double size = 10, height = 12, top = 164, gap = 6, pad = 5;
+    const double w1 = text.measure(lower, PanelFont::condensedBlack, size).width + 2 * pad;
+    const double w2 = text.measure(upper, PanelFont::condensedBlack, size).width + 2 * pad;
+    // Centred under the handles, pushed apart where they would touch, kept on the plate.
+    double c1 = lp, c2 = hp;
+    if (c1 + w1 / 2 + gap > c2 - w2 / 2) {
+        const double middle = (lp + hp) / 2;
+        c1 = middle - gap / 2 - w1 / 2;
+        c2 = middle + gap / 2 + w2 / 2;
+    }
+    const double shift = std::max(0.0, 12 - (c1 - w1 / 2)) - std::max(0.0, c2 + w2 / 2 - 1012);
+    c1 += shift;
+    c2 += shift;
+    for (const auto& [label, centre, width, held] :
+         {std::tuple{lower, c1, w1, isHandleLeftActive}, {upper, c2, w2, isHandleRightActive}}) {
+        const CGRect box{centre - width / 2, top, width, height};
+        roundedRect(cr, box, 3);
+        colorMain.mixed(UIColor::black(), 0.25).set(cr);
+        cairo_fill_preserve(cr);
+        (held ? colorEmphasize : colorContrast.withAlpha(0.5)).set(cr);
+        cairo_set_line_width(cr, held ? 1.0 : 0.5);
+        cairo_stroke(cr);
+        text.drawLine(cr, label, PanelFont::condensedBlack, size, box, TextAlign::center,
+                      held ? colorEmphasize : colorContrast);
+    }
+}
+
 void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     const double lp = splitX(valueSplitLP);
     const double hp = splitX(valueSplitHP);
+    drawSpectrum(cr);
 
     const UIColor emphasis70 = colorEmphasize.withAlpha(0.7);
     // The layer only as large as the bar and its outline.
@@ -228,9 +312,18 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     cairo_paint_with_alpha(cr, 0.7);
     cairo_restore(cr);
 
-    if (hp - lp > 70)
-        text.drawLine(cr, "selective range", PanelFont::helveticaNeue, 11, {lp, 90, hp - lp, 71},
+    if (hp - lp > 70) {
+        const CGRect caption{lp, 90, hp - lp, 71};
+        // Over a spectrum, a soft shade under the caption keeps it legible.
+        if (spectrum.visible())
+            for (const auto& [dx, dy] : {std::pair{0.0, 1.0}, {0.8, 0.0}, {-0.8, 0.0}, {0.0, -0.8}})
+                text.drawLine(
+                    cr, "selective range", PanelFont::helveticaNeue, 11,
+                    {caption.minX() + dx, caption.minY() + dy, caption.width(), caption.height()},
+                    TextAlign::center, UIColor::black().withAlpha(0.45));
+        text.drawLine(cr, "selective range", PanelFont::helveticaNeue, 11, caption,
                       TextAlign::center, UIColor::white());
+    }
 
     heldScaled(cr, {lp, 126}, isHandleLeftActive, [&] {
         drawSymbolHandleLeft(cr, {lp - 13, 126 - 33, 26, 66}, ResizingBehavior::aspectFit);
@@ -238,6 +331,7 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     heldScaled(cr, {hp, 127}, isHandleRightActive, [&] {
         drawSymbolHandleRight(cr, {hp - 13, 127 - 33, 26, 66}, ResizingBehavior::aspectFit);
     });
+    drawSplitFrequencies(cr, lp, hp);
 }
 
 // The display's glass, and its text (drawDisplay): the glass is part of the plate.
