@@ -44,6 +44,7 @@ constexpr Library kLibraries[] = {
     {"libpangocairo-1.0", "sets the editor's text with Cairo", "text on Cairo", kUi},
     {"libpango-1.0", "lays out the editor's text", "text layout", kUi},
     {"libgobject-2.0", "releases the text layouts (Pango's objects)", "Pango objects", kUi},
+    {"libfftw3f", "transforms the input for the spectrum behind the split bar", "FFT", kUi},
 };
 
 // Calls that start a process: a plug-in in a host's address space must never do that (a
