@@ -32,12 +32,14 @@ validate: build sanitizer-builds
 demo: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
 
-# The README's pictures of the editor panel, both pages, with a factory preset loaded.
-DOCS_PRESET = presets/Vocal Shimmer.aupreset
+# The README's pictures of the editor panel, both pages, with a factory preset loaded and the
+# demo signal's spectrum behind the split bar (the demo is rendered to draw it).
+DOCS_PRESET = presets/Gentle Chorus.aupreset
 docs-panel: build
-	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel.png >/dev/null
-	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel-lfo.png \
-		--page lfo >/dev/null
+	@$(BUILD)/cli/sr-chorus-render --demo $(BUILD)/docs-demo --preset "$(DOCS_PRESET)" \
+		--panel docs/panel.png >/dev/null
+	@$(BUILD)/cli/sr-chorus-render --demo $(BUILD)/docs-demo --preset "$(DOCS_PRESET)" \
+		--panel docs/panel-lfo.png --page lfo >/dev/null
 	@echo "docs/panel.png docs/panel-lfo.png"
 
 bench: build

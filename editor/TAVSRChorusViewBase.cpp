@@ -1,5 +1,6 @@
 #include "editor/TAVSRChorusViewBase.h"
 
+#include <array>
 #include <cmath>
 #include <numbers>
 
@@ -217,13 +218,18 @@ void TAVSRChorusViewBase::drawSpectrum(cairo_t* cr) {
         return bottom - (bottom - top) * std::clamp(t, 0.0, 1.0);
     };
     cairo_save(cr);
-    roundedRect(cr, {kSplitLeft, top, kSplitWidth, bottom - top}, 6);
+    // A plain rectangle clips cheaply; the curves are drawn with bevelled joins, which cost a
+    // fraction of round ones over 920 points.
+    cairo_rectangle(cr, kSplitLeft, top, kSplitWidth, bottom - top);
     cairo_clip(cr);
-    // A curve through the columns, closed along the bar's foot.
+    cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL);
+    // A curve through every other column (the louder of each pair: the columns are smoothed
+    // already, and half the points halve the cost of filling and stroking it).
     auto curve = [&](auto level) {
         cairo_move_to(cr, SpectrumDisplay::kLeft, y(level(0)));
-        for (int c = 1; c < columns; ++c)
-            cairo_line_to(cr, SpectrumDisplay::kLeft + c, y(level(c)));
+        for (int c = 2; c < columns; c += 2)
+            cairo_line_to(cr, SpectrumDisplay::kLeft + c, y(std::max(level(c - 1), level(c))));
+        cairo_line_to(cr, SpectrumDisplay::kLeft + columns - 1, y(level(columns - 1)));
     };
     auto area = [&](auto level, const UIColor& high, const UIColor& foot, const UIColor& edge,
                     double width) {
@@ -237,10 +243,29 @@ void TAVSRChorusViewBase::drawSpectrum(cairo_t* cr) {
         cairo_set_source(cr, fill);
         cairo_fill(cr);
         cairo_pattern_destroy(fill);
-        curve(level);
+        // The edge as a ribbon `width` wide around the curve, filled: Cairo fills a polygon
+        // of 1840 points in a fraction of the time it strokes a line of 920.
+        std::array<CGPoint, columns> at;
+        for (int c = 0; c < columns; ++c)
+            at[std::size_t(c)] = {SpectrumDisplay::kLeft + c, y(level(c))};
+        std::array<CGPoint, columns> offset;
+        for (int c = 0; c < columns; ++c) {
+            const CGPoint& a = at[std::size_t(std::max(c - 1, 0))];
+            const CGPoint& b = at[std::size_t(std::min(c + 1, columns - 1))];
+            const double dx = b.x - a.x, dy = b.y - a.y;
+            const double length = std::max(std::hypot(dx, dy), 1e-9);
+            offset[std::size_t(c)] = {-dy / length * width / 2, dx / length * width / 2};
+        }
+        cairo_move_to(cr, at[0].x + offset[0].x, at[0].y + offset[0].y);
+        for (int c = 1; c < columns; ++c)
+            cairo_line_to(cr, at[std::size_t(c)].x + offset[std::size_t(c)].x,
+                          at[std::size_t(c)].y + offset[std::size_t(c)].y);
+        for (int c = columns - 1; c >= 0; --c)
+            cairo_line_to(cr, at[std::size_t(c)].x - offset[std::size_t(c)].x,
+                          at[std::size_t(c)].y - offset[std::size_t(c)].y);
+        cairo_close_path(cr);
         edge.set(cr);
-        cairo_set_line_width(cr, width);
-        cairo_stroke(cr);
+        cairo_fill(cr);
     };
     // The whole input, quietly; over it the part the chorus gets, in the accent colour.
     area([this](int c) { return spectrum.input(c); }, colorContrast.withAlpha(0.30),

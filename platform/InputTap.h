@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 
 namespace sr {
@@ -77,8 +78,18 @@ public:
 private:
     static constexpr std::uint32_t kMask = kCapacity - 1;
 
+    // Four frames at a time in vector registers (the compiler's -O2 leaves such loops scalar).
     static void mix(const float* left, const float* right, float* out, std::uint32_t n) {
-        for (std::uint32_t i = 0; i < n; ++i) out[i] = 0.5f * (left[i] + right[i]);
+        using Floats = float __attribute__((vector_size(16)));
+        std::uint32_t i = 0;
+        for (; i + 4 <= n; i += 4) {
+            Floats l, r;
+            std::memcpy(&l, left + i, sizeof l);
+            std::memcpy(&r, right + i, sizeof r);
+            const Floats mean = (l + r) * 0.5f;
+            std::memcpy(out + i, &mean, sizeof mean);
+        }
+        for (; i < n; ++i) out[i] = 0.5f * (left[i] + right[i]);
     }
 
     std::unique_ptr<float[]> ring;

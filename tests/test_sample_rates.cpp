@@ -6,6 +6,8 @@
 #include <cmath>
 #include <complex>
 #include <filesystem>
+#include <fstream>
+#include <map>
 #include <numbers>
 #include <string>
 #include <vector>
@@ -181,6 +183,26 @@ TEST(SplitFrequencies, ComputedCrossingsAreTheMeasuredOnes) {
             EXPECT_NEAR(lowerLaw[0], computed.lower, 1e-9 * computed.lower);
             EXPECT_NEAR(upperLaw[1], computed.upper, 1e-9 * computed.upper);
         }
+}
+
+// The README describes each factory preset by the range it choruses: the crossings at 48 kHz,
+// in the panel's own words ("173 Hz to 2.28 kHz").
+TEST(SplitFrequencies, TheReadmeQuotesEachPresetsComputedRange) {
+    std::ifstream file(fs::path(SR_FACTORY_PRESETS) / ".." / "README.md");
+    ASSERT_TRUE(file);
+    std::map<std::string, std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with("- **")) lines[line.substr(4, line.find("**", 4) - 4)] = line;
+    for (const SplitPoints& points : defaultsAndFactoryPresets()) {
+        if (points.name == "defaults") continue;
+        const sr::SplitFrequencies hz = sr::splitFrequencies(points.lower, points.upper, 48000.0);
+        char lower[16], upper[16];
+        sr::formatHz(hz.lower, lower, sizeof lower);
+        sr::formatHz(hz.upper, upper, sizeof upper);
+        ASSERT_TRUE(lines.count(points.name)) << points.name << " is not in the README";
+        EXPECT_NE(lines[points.name].find(std::string(lower) + " to " + upper), std::string::npos)
+            << lines[points.name] << "\n  should say " << lower << " to " << upper;
+    }
 }
 
 TEST(SplitFrequencies, EdgesAndText) {
