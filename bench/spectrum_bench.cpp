@@ -2,22 +2,17 @@
 // left and right into the ring) per stereo frame, with an editor's tap open and emptied as the
 // LV2 plug-in empties it (every 1600 frames, 30 times a second at 48 kHz), and with none open.
 // On the editor's thread: one timer call's analysis (FFT of 8192 samples and the bar's 920
-// columns) and a full redraw with the spectrum showing.
+// columns); editor_bench.cpp times a redraw with the spectrum showing.
 #include <benchmark/benchmark.h>
-
-#include <cairo.h>
 
 #include <cmath>
 #include <cstring>
 #include <random>
 #include <vector>
 
-#include "editor/PanelImage.h"
 #include "editor/SpectrumAnalyzer.h"
 #include "editor/SpectrumDisplay.h"
-#include "kernel/ParameterTable.h"
 #include "platform/InputTap.h"
-#include "platform/PrintQueue.h"
 
 namespace {
 
@@ -70,31 +65,7 @@ void BM_SpectrumTimerCall(benchmark::State& state) {
     }
 }
 
-void BM_PanelRedrawWithSpectrum(benchmark::State& state) {
-    sr::printQueue().setSink([](std::string_view) {});
-    float values[sr::kParameterCount];
-    for (std::size_t a = 0; a < sr::kParameterCount; ++a)
-        values[a] = sr::kParameterTable[a].defaultValue;
-    sr::editor::PanelSnapshot snapshot(values);
-    sr::editor::SpectrumAnalyzer analyzer(48000.0);
-    const std::vector<float> input = noise(8192, 4);
-    analyzer.push(input.data(), input.size());
-    snapshot.controller().showSpectrum(analyzer.analyse(), analyzer.binHz());
-    const int width = 1024, height = 400;
-    cairo_surface_t* surface = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, width, height);
-    cairo_t* cr = cairo_create(surface);
-    for (auto _ : state) {
-        snapshot.controller().draw(cr, {0, 0, double(width), double(height)});
-        cairo_surface_flush(surface);
-        benchmark::ClobberMemory();
-    }
-    cairo_destroy(cr);
-    cairo_surface_destroy(surface);
-    sr::printQueue().flush();
-}
-
 } // namespace
 
 BENCHMARK(BM_InputTapCopy)->Args({64, 1})->Args({512, 1})->Args({512, 0});
 BENCHMARK(BM_SpectrumTimerCall)->Unit(benchmark::kMicrosecond);
-BENCHMARK(BM_PanelRedrawWithSpectrum)->Unit(benchmark::kMillisecond);
