@@ -97,6 +97,8 @@ void AudioUnitViewController::onTimer() {
         note("WARNING: The Audio unit is not initialized.");
         return;
     }
+    // A unit in this process says its rate; a mirror's comes with the plug-in's messages.
+    if (const double rate = audioUnit_->sampleRate(); rate > 0.0) setSampleRate(rate);
     updateSpectrum(kTimerInterval);
     const bool bypass = audioUnit_->shouldBypassEffect();
     if (touchesLocked_) return;
@@ -127,6 +129,11 @@ void AudioUnitViewController::takeInput(const float* samples, std::size_t count,
     setSampleRate(rate);
     if (analyzer.sampleRate() != rate) analyzer.setSampleRate(rate);
     analyzer.push(samples, count);
+}
+
+void AudioUnitViewController::takeInput(InputTap& tap, double rate) {
+    tap.take(InputTap::kCapacity,
+             [this, rate](const float* samples, std::uint32_t n) { takeInput(samples, n, rate); });
 }
 
 void AudioUnitViewController::updateSpectrum(double seconds) {

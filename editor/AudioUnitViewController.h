@@ -15,6 +15,7 @@
 #include "editor/SpectrumAnalyzer.h"
 #include "editor/TAVSRChorusView.h"
 #include "kernel/ParameterTable.h"
+#include "platform/InputTap.h"
 #include "platform/MainQueue.h"
 #include "platform/PrintQueue.h"
 
@@ -46,6 +47,9 @@ public:
     // Samples of the plug-in's input (the mean of left and right), oldest first, at `rate`;
     // the spectrum behind the split bar shows them from the next onTimer() on.
     void takeInput(const float* samples, std::size_t count, double rate);
+    // In-process hosts: what the audio cycles copied into `tap` since the last call (the host
+    // opens the tap while the panel shows and calls this on its UI thread).
+    void takeInput(InputTap& tap, double rate);
     // For a still picture: a spectrum (dB per bin of `binHz`) shown as it is, without easing.
     void showSpectrum(const std::vector<float>& binsDb, double binHz);
 

@@ -15,6 +15,9 @@ public:
     // Around the changes of one drag, so a host records them as one automation gesture.
     virtual void beginParameterGesture(AUParameterAddress) {}
     virtual void endParameterGesture(AUParameterAddress) {}
+    // The rate the unit renders at; 0 when the editor cannot ask (a mirror of a unit in another
+    // process, whose editor learns it from the plug-in's messages or the host).
+    virtual double sampleRate() const { return 0.0; }
 };
 
 // How a host writes the plug-in's parameters for a mirror: a value, and the begin and end of a

@@ -236,3 +236,37 @@ TEST(SpectrumDisplay, TheControllerRedrawsOnlyWhileThereIsSomethingToShow) {
 }
 
 } // namespace
+
+namespace {
+
+// A unit in the editor's own process, as the standalone app's panel has it: it says its rate.
+struct InProcessUnit : sr::editor::AudioUnitMirror {
+    double sampleRate() const override { return 96000.0; }
+};
+
+TEST(SpectrumDisplay, InProcessTheRateComesFromTheUnitAndTheInputFromTheTap) {
+    InProcessUnit unit;
+    sr::editor::AudioUnitViewController controller;
+    controller.viewDidLoad();
+    controller.setAudioUnit(&unit);
+    controller.mainQueue().drain();
+    controller.onTimer();
+    TAVSRChorusViewBase& panel = controller.pluginView.baseClass;
+    EXPECT_EQ(panel.sampleRate, 96000.0);
+    // The split points' frequencies follow it.
+    EXPECT_DOUBLE_EQ(panel.splitAxis().lowerHz(),
+                     sr::splitFrequencies(0.33f, 0.66f, 96000.0).lower);
+
+    sr::InputTap tap;
+    tap.open();
+    std::vector<float> left(4096), right(4096);
+    for (std::size_t i = 0; i < left.size(); ++i)
+        left[i] = right[i] = 0.4f * float(std::sin(0.05 * double(i)));
+    for (int cycle = 0; cycle < 4; ++cycle) tap.write(left.data(), right.data(), 4096);
+    controller.takeInput(tap, 96000.0);
+    EXPECT_EQ(tap.available(), 0u);
+    controller.onTimer();
+    EXPECT_TRUE(panel.spectrum.visible());
+}
+
+} // namespace
