@@ -33,14 +33,23 @@ demo: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
 
 # The README's pictures of the editor panel, both pages, with a factory preset loaded and the
-# demo signal's spectrum behind the split bar (the demo is rendered to draw it).
-DOCS_PRESET = presets/Gentle Chorus.aupreset
+# demo signal's spectrum behind the split bar (the demo is rendered to draw it), and of the
+# preset browser and its New Preset dialog over it (the shipped presets in a documents folder
+# of the build tree).
+DOCS_PRESET = presets/Vocal Shimmer.aupreset
+DOCS_DATA = $(abspath $(BUILD))/docs-data
 docs-panel: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(BUILD)/docs-demo --preset "$(DOCS_PRESET)" \
 		--panel docs/panel.png >/dev/null
 	@$(BUILD)/cli/sr-chorus-render --demo $(BUILD)/docs-demo --preset "$(DOCS_PRESET)" \
 		--panel docs/panel-lfo.png --page lfo >/dev/null
-	@echo "docs/panel.png docs/panel-lfo.png"
+	@rm -rf "$(DOCS_DATA)" && mkdir -p "$(DOCS_DATA)/tav-sr-chorus/Presets/Factory"
+	@cp presets/*.aupreset "$(DOCS_DATA)/tav-sr-chorus/Presets/Factory/"
+	@XDG_DATA_HOME="$(DOCS_DATA)" $(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" \
+		--panel docs/browser.png --overlay browser >/dev/null
+	@XDG_DATA_HOME="$(DOCS_DATA)" $(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" \
+		--panel docs/new-preset.png --overlay new-preset >/dev/null
+	@echo "docs/panel.png docs/panel-lfo.png docs/browser.png docs/new-preset.png"
 
 bench: build
 	@$(BUILD)/bench/sr-chorus-bench

@@ -201,9 +201,12 @@ std::optional<std::string> PresetPatch::validate(const PropertyList& dict) {
 }
 
 bool PresetPatch::fromDictionary(const PropertyList& dict) {
+    failure.clear();
     if (auto reason = validate(dict)) {
-        parent->log("PresetPatch::fromDictionary() : ERROR: The preset is refused: " + *reason +
-                    ".");
+        if (logs)
+            parent->log("PresetPatch::fromDictionary() : ERROR: The preset is refused: " + *reason +
+                        ".");
+        failure = *reason;
         return false;
     }
     for (const PropertyList::Entry& e : *dict.dictionary()) {
@@ -238,37 +241,50 @@ bool PresetPatch::fromDictionary(const PropertyList& dict) {
 }
 
 bool PresetPatch::saveToFile(const std::string& path) const {
+    failure.clear();
     const std::optional<std::string> xml = toDictionary().toXML();
     if (!xml) {
-        parent->log("TAVPreset::loadFromFile() : ERROR: Could not serialize.");
+        if (logs) parent->log("TAVPreset::loadFromFile() : ERROR: Could not serialize.");
+        failure = "the preset could not be written as a property list";
         return false;
     }
     try {
         sr::writeFileAtomically(path, *xml);
     } catch (const sr::FileError& error) {
-        parent->log("TAVPreset::loadFromFile() : ERROR: Could not save the file '" + path + "'. (" +
-                    error.what());
+        if (logs)
+            parent->log("TAVPreset::loadFromFile() : ERROR: Could not save the file '" + path +
+                        "'. (" + error.what());
+        failure = error.what();
         return false;
     }
     return true;
 }
 
 bool PresetPatch::loadFromFile(const std::string& path) {
+    failure.clear();
     std::error_code ec;
     if (!std::filesystem::exists(path, ec)) {
-        parent->log("TAVPreset::loadFromFile() : ERROR: The path " + path + " does not exist.");
+        if (logs)
+            parent->log("TAVPreset::loadFromFile() : ERROR: The path " + path + " does not exist.");
+        failure = "the file does not exist";
         return false;
     }
     const sr::LimitedRead file = sr::readFileLimited(path, PropertyList::kMaxBytes);
     if (!file.bytes) {
-        parent->log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
+        if (logs) parent->log("TAVPreset::loadFromFile() : ERROR: The file is not readable.");
+        failure = "the file is not readable";
         return false;
     }
     // A file larger than a property list may be is refused by the parser, by its size.
     const sr::PropertyListParse parsed = PropertyList::parse(*file.bytes);
     if (!parsed.value) {
-        parent->log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
-                    ", Format: " + parsed.format + ", " + parsed.error);
+        if (logs)
+            parent->log("TAVPreset::loadFromFile() : ERROR: Could not read the file '" + path +
+                        ", Format: " + parsed.format + ", " + parsed.error);
+        // The parser's words, unless they only say the same.
+        failure = "it is not a property list";
+        if (parsed.error.find("property list") == std::string::npos)
+            failure += " (" + parsed.error + ")";
         return false;
     }
     return fromDictionary(*parsed.value);

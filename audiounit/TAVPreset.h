@@ -80,6 +80,11 @@ public:
 
     bool saveToFile(const std::string& path) const;
     bool loadFromFile(const std::string& path);
+
+    // Why the last load or save failed, in words a user can read; empty after success.
+    mutable std::string failure;
+    // False for a look at a file the user has not asked to load: failures are not logged.
+    bool logs = true;
 };
 
 class TAVPreset {

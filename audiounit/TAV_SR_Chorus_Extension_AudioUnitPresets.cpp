@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <system_error>
 
+#include "audiounit/PresetFolders.h"
+#include "audiounit/PresetName.h"
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "platform/AtomicFile.h"
 #include "platform/DocumentsDirectory.h"
@@ -16,15 +18,7 @@ using sr::PropertyList;
 namespace {
 
 constexpr const char* kPresetsFolder = "Presets/";
-constexpr const char* kFactoryFolder = "Presets/Factory/";
 constexpr const char* kUserFolder = "Presets/User/";
-
-bool isPresetFile(const fs::path& path) {
-    std::string extension = path.extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return char(std::toupper(c)); });
-    return extension == ".AUPRESET";
-}
 
 bool exists(const std::string& path) {
     std::error_code ec;
@@ -41,10 +35,9 @@ void TAV_SR_Chorus_Extension_AudioUnit::setDocumentsDirectory(std::string path) 
 std::string TAV_SR_Chorus_Extension_AudioUnit::presetPath(const std::string& folder,
                                                           const std::string& name) const {
     // A name from a host or a dialog must not lead outside the folder.
-    if (name.empty() || name == "." || name == ".." || name.size() > 200 ||
-        name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
+    if (const std::optional<std::string> problem = sr::presetNameProblem(name)) {
         log("TAV_SR_Chorus_Extension_AudioUnit::presetPath() : ERROR: The preset name '" + name +
-            "' is not a file name.");
+            "' is not a file name. " + *problem);
         return {};
     }
     return documents + folder + name + kPresetExtension;
@@ -92,35 +85,7 @@ void TAV_SR_Chorus_Extension_AudioUnit::onFoundParameter(NSInteger, const std::s
 // ---- factory presets ---------------------------------------------------------------------------
 
 bool TAV_SR_Chorus_Extension_AudioUnit::ensurePresetFolders() {
-    if (documents.empty()) return false;
-    std::string error;
-    for (const char* folder : {kPresetsFolder, kFactoryFolder, kUserFolder})
-        if (!sr::ensureDirectoryExists(documents + folder, error)) return false;
-    if (factorySource.empty()) return true;
-
-    // Shipped presets go where hosts list them and where the editor's browser looks, but a
-    // file already there, perhaps edited by the user, is never replaced.
-    std::error_code ec;
-    for (fs::directory_iterator it(factorySource, ec), end; !ec && it != end; it.increment(ec)) {
-        if (!it->is_regular_file(ec) || !isPresetFile(it->path())) continue;
-        const std::string name = it->path().filename().string();
-        for (const char* folder : {kPresetsFolder, kFactoryFolder}) {
-            const std::string target = documents + folder + name;
-            if (exists(target)) continue;
-            const sr::LimitedRead source =
-                sr::readFileLimited(it->path().string(), PropertyList::kMaxBytes);
-            try {
-                if (!source.bytes || source.bytes->size() > PropertyList::kMaxBytes)
-                    throw sr::FileError("cannot read it");
-                sr::writeFileAtomically(target, *source.bytes, false);
-            } catch (const sr::FileError& e) {
-                log("TAV_SR_Chorus_Extension_AudioUnit::factoryPresets : ERROR: Could not install "
-                    "the factory preset '" +
-                    name + "': " + e.what());
-            }
-        }
-    }
-    return true;
+    return sr::installPresetFolders(documents, factorySource, log_);
 }
 
 std::vector<AUAudioUnitPreset> TAV_SR_Chorus_Extension_AudioUnit::factoryPresets() {
@@ -153,7 +118,8 @@ std::vector<AUAudioUnitPreset> TAV_SR_Chorus_Extension_AudioUnit::factoryPresets
     NSInteger number = 0;
     for (const fs::path& entry : files) {
         const NSInteger running = number++;
-        if (isPresetFile(entry)) presets.push_back({running, entry.stem().string()});
+        if (sr::isPresetFileName(entry.filename().string()))
+            presets.push_back({running, entry.stem().string()});
     }
     return presets;
 }

@@ -168,6 +168,12 @@ Options parseArguments(int argc, const char* const* argv) {
                 throw UsageError("--page takes main or lfo, got " + quoted(page));
             options.panelLFOPage = page == "lfo";
             continue;
+        } else if (option == "--overlay") {
+            const std::string_view overlay = reader.valueFor(option, inlineValue);
+            if (overlay != "browser" && overlay != "new-preset")
+                throw UsageError("--overlay takes browser or new-preset, got " + quoted(overlay));
+            options.panelOverlay = overlay;
+            continue;
         } else if (option == "--demo") {
             const std::string_view directory = reader.valueFor(option, inlineValue);
             if (directory.empty()) throw UsageError("--demo needs a directory");
@@ -189,7 +195,8 @@ std::string usageText() {
     return "usage: sr-chorus-render IN OUT [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "                        [--midi FILE.mid] [--midi-out FILE.mid]\n"
            "                        [--save-preset FILE] [--state-out FILE] [--log FILE]\n"
-           "                        [--panel FILE.png [--panel-size WxH] [--page main|lfo]]\n"
+           "                        [--panel FILE.png [--panel-size WxH] [--page main|lfo]\n"
+           "                         [--overlay browser|new-preset]]\n"
            "       sr-chorus-render --demo DIR [--preset FILE] [--set ID=VALUE]... [--block N]\n"
            "       sr-chorus-render [--preset FILE] [--set ID=VALUE]... --save-preset FILE\n"
            "       sr-chorus-render --list | --help\n"
@@ -217,6 +224,9 @@ std::string usageText() {
            "  --panel-size WxH  the image's size in pixels (default 1024x400); the panel\n"
            "                  keeps its proportions, centred\n"
            "  --page main|lfo which page of knobs the panel shows (default main)\n"
+           "  --overlay browser|new-preset  draw the panel with the preset browser open (the\n"
+           "                  presets of the documents folder), or with the New Preset dialog\n"
+           "                  over it\n"
            "  --log FILE      write the plug-in's own log lines to FILE ('-': standard output);\n"
            "                  without it they are not kept\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"

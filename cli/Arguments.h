@@ -27,6 +27,7 @@ struct Options {
     int panelWidth = 1024;     // --panel-size WxH
     int panelHeight = 400;
     bool panelLFOPage = false; // --page lfo
+    std::string panelOverlay;  // --overlay browser|new-preset: what is open over the panel
     std::string logFile;       // --log: where the audio unit's log goes ("-": standard output)
     std::vector<ParameterSetting> settings;
     std::uint32_t blockFrames = 512;

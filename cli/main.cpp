@@ -111,6 +111,19 @@ void writePanel(const std::string& path, const Options& options,
     controller.setSampleRate(sampleRate);
     if (spectrum)
         controller.showSpectrum(spectrum->analyzer.averageDb(), spectrum->analyzer.binHz());
+    if (!options.panelOverlay.empty()) {
+        controller.performSegue("showPresets");
+        // The preset loaded is marked where the browser lists it under the same name.
+        if (!options.presetFile.empty()) {
+            const std::string listed =
+                controller.documentsPath + "Presets/Factory/" +
+                std::filesystem::path(options.presetFile).filename().string();
+            controller.presetsViewController.currentPath = listed;
+            controller.presetsViewController.tableView.selectPath(listed);
+            controller.overlays.showBrowser();
+        }
+        if (options.panelOverlay == "new-preset") controller.alertFileName();
+    }
     editor::writePanelPNG(controller, path, options.panelWidth, options.panelHeight);
 }
 

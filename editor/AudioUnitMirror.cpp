@@ -2,10 +2,15 @@
 
 #include <cmath>
 
+#include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "kernel/ParameterTable.h"
 #include "kernel/TAV_SR_Chorus_Extension_Parameters.h"
 
 namespace sr::editor {
+
+AudioComponentDescription EditorAudioUnit::componentDescription() const {
+    return kTAVSRChorusComponentDescription;
+}
 
 AudioUnitMirror::AudioUnitMirror(ParameterWriter* w)
     : tree(TAV_SR_Chorus_Extension_Parameters::createParameterTree()), writer(w) {

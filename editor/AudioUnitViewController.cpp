@@ -41,6 +41,7 @@ void AudioUnitViewController::setAudioUnit(EditorAudioUnit* unit) {
             return;
         }
         note("AU Diagnostics: We are about to connect the audio unit to its view controller.");
+        setPaths();
         connectParameters();
     });
 }
@@ -204,7 +205,7 @@ void AudioUnitViewController::onTAVSRChorusViewOption(std::int64_t address, floa
         pluginView.setNeedsDisplay();
     } else if (address == TAVSRChorusView::kOptionPresets) {
         note("AudioUnitViewController: the Presets button was pressed.");
-        if (showPresets) showPresets();
+        performSegue("showPresets");
     }
 }
 
@@ -220,7 +221,9 @@ CGRect AudioUnitViewController::panelFrame(const CGRect& bounds) {
 }
 
 void AudioUnitViewController::draw(cairo_t* cr, const CGRect& bounds) {
-    const CGRect frame = panelFrame(bounds);
+    lastBounds = bounds;
+    clampPan();
+    const CGRect frame = zoomedPanelFrame(bounds);
     // The frame shows only around the panel (and in its rounded corners).
     cairo_save(cr);
     cairo_set_fill_rule(cr, CAIRO_FILL_RULE_EVEN_ODD);
@@ -240,6 +243,12 @@ void AudioUnitViewController::draw(cairo_t* cr, const CGRect& bounds) {
     cairo_translate(cr, frame.minX(), frame.minY());
     pluginView.draw(cr);
     cairo_restore(cr);
+    if (brightness < 1.0) {
+        cairo_rectangle(cr, bounds.minX(), bounds.minY(), bounds.width(), bounds.height());
+        cairo_set_source_rgba(cr, 0, 0, 0, 1.0 - brightness);
+        cairo_fill(cr);
+    }
+    overlays.draw(cr, bounds);
 }
 
 } // namespace sr::editor

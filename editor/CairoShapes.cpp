@@ -35,4 +35,20 @@ void circle(cairo_t* cr, double cx, double cy, double radius) {
     cairo_close_path(cr);
 }
 
+void recessedGlass(cairo_t* cr, const CGRect& r, double radius, const UIColor& fill, double shade) {
+    roundedRect(cr, r, radius);
+    fill.set(cr);
+    cairo_fill_preserve(cr);
+    cairo_pattern_t* inset = cairo_pattern_create_linear(0, r.minY(), 0, r.maxY());
+    UIColor::black().withAlpha(0.22).addStop(inset, 0);
+    UIColor::black().withAlpha(0.0).addStop(inset, std::min(1.0, shade / r.height()));
+    UIColor::white().withAlpha(0.03).addStop(inset, 1);
+    cairo_set_source(cr, inset);
+    cairo_fill_preserve(cr);
+    cairo_pattern_destroy(inset);
+    UIColor::systemGray().set(cr);
+    cairo_set_line_width(cr, 0.5);
+    cairo_stroke(cr);
+}
+
 } // namespace sr::editor

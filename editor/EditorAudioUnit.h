@@ -4,6 +4,7 @@
 #pragma once
 
 #include "platform/AUParameterTree.h"
+#include "platform/AudioComponent.h"
 
 namespace sr::editor {
 
@@ -15,6 +16,8 @@ public:
     // Around the changes of one drag, so a host records them as one automation gesture.
     virtual void beginParameterGesture(AUParameterAddress) {}
     virtual void endParameterGesture(AUParameterAddress) {}
+    // The component the unit is: presets are checked against it and written with it.
+    virtual AudioComponentDescription componentDescription() const;
     // The rate the unit renders at; 0 when the editor cannot ask (a mirror of a unit in another
     // process, whose editor learns it from the plug-in's messages or the host).
     virtual double sampleRate() const { return 0.0; }

@@ -12,13 +12,18 @@ void PanelPointer::press(CGPoint windowLocation, double seconds) {
         havePress && seconds - lastPressSeconds <= kDoubleClickSeconds &&
         std::hypot(location.x - lastPress.x, location.y - lastPress.y) <= kDoubleClickDistance;
     const bool again = quick && !mode.empty() && mode == lastMode;
-    havePress = !again;
+    const bool backgroundTwice = quick && mode.empty() && lastMode.empty();
+    havePress = !again && !backgroundTwice;
     lastPressSeconds = seconds;
     lastPress = location;
     lastMode = mode;
     // On a value or controller, the second click of a double click resets it; on a button it is
     // just another press.
     if (again && view.resetToDefault(mode)) return;
+    if (backgroundTwice && onBackgroundDoubleClick) {
+        onBackgroundDoubleClick();
+        return;
+    }
     view.touchesBegan(location);
     dragging = true;
 }

@@ -5,6 +5,7 @@
 // Threading: the view's thread.
 #pragma once
 
+#include <functional>
 #include <string>
 
 #include "editor/TAVSRChorusView.h"
@@ -30,6 +31,8 @@ public:
     void wheel(CGPoint location, int steps, bool fine);
 
     bool isDragging() const { return dragging; }
+    // A double click where there is no control (the background, or beside the panel).
+    std::function<void()> onBackgroundDoubleClick;
     PanelCursor cursorAt(CGPoint location) { return view.cursorAt(inView(location)); }
 
 private:

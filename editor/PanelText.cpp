@@ -2,6 +2,7 @@
 
 #include <pango/pangocairo.h>
 
+#include <algorithm>
 #include <cmath>
 
 namespace sr::editor {
@@ -68,8 +69,11 @@ double PanelText::legibleSize(cairo_t* cr, double size) {
     return scale > 0 && size * scale < kMinimumPixels ? kMinimumPixels / scale : size;
 }
 
-PangoLayout* PanelText::layout(std::string_view text, PanelFont font, double size) {
+PangoLayout* PanelText::layout(std::string_view text, PanelFont font, double size, double width,
+                               bool elide, TextAlign align) {
     std::string k = key(text, font, size);
+    if (width > 0)
+        k = std::to_string(width) + (elide ? "e" : "w") + std::to_string(int(align)) + "/" + k;
     if (auto it = layouts.find(k); it != layouts.end()) return it->second;
     if (layouts.size() >= kCapacity) {
         for (auto& [old, l] : layouts) g_object_unref(l);
@@ -80,6 +84,18 @@ PangoLayout* PanelText::layout(std::string_view text, PanelFont font, double siz
     pango_layout_set_font_description(l, d);
     pango_font_description_free(d);
     pango_layout_set_text(l, text.data(), int(text.size()));
+    if (width > 0) {
+        pango_layout_set_width(l, int(width * PANGO_SCALE));
+        if (elide) {
+            pango_layout_set_ellipsize(l, PANGO_ELLIPSIZE_END);
+            pango_layout_set_single_paragraph_mode(l, TRUE);
+        } else {
+            pango_layout_set_wrap(l, PANGO_WRAP_WORD_CHAR);
+            pango_layout_set_alignment(l, align == TextAlign::center  ? PANGO_ALIGN_CENTER
+                                          : align == TextAlign::right ? PANGO_ALIGN_RIGHT
+                                                                      : PANGO_ALIGN_LEFT);
+        }
+    }
     layouts.emplace(std::move(k), l);
     return l;
 }
@@ -130,6 +146,59 @@ void PanelText::drawBlock(cairo_t* cr, std::string_view text, PanelFont font, do
     cairo_move_to(cr, box.minX(), box.minY());
     pango_cairo_show_layout(cr, l);
     cairo_restore(cr);
+}
+
+void PanelText::drawLineElided(cairo_t* cr, std::string_view text, PanelFont font, double size,
+                               const CGRect& box, TextAlign align, const UIColor& color) {
+    size = legibleSize(cr, size);
+    if (measure(text, font, size).width <= box.width())
+        return drawLine(cr, text, font, size, box, align, color);
+    PangoLayout* l = layout(text, font, size, box.width(), true);
+    const double baseline = double(pango_layout_get_baseline(l)) / PANGO_SCALE;
+    cairo_save(cr);
+    color.set(cr);
+    cairo_move_to(cr, box.minX(), box.midY() + capHeight(font, size) / 2 - baseline);
+    pango_cairo_show_layout(cr, l);
+    cairo_restore(cr);
+}
+
+double PanelText::drawWrapped(cairo_t* cr, std::string_view text, PanelFont font, double size,
+                              const CGRect& box, TextAlign align, const UIColor& color) {
+    size = legibleSize(cr, size);
+    PangoLayout* l = layout(text, font, size, box.width(), false, align);
+    PangoRectangle logical;
+    pango_layout_get_extents(l, nullptr, &logical);
+    cairo_save(cr);
+    color.set(cr);
+    cairo_move_to(cr, box.minX(), box.minY());
+    pango_cairo_show_layout(cr, l);
+    cairo_restore(cr);
+    return double(logical.height) / PANGO_SCALE;
+}
+
+double PanelText::measureWrapped(std::string_view text, PanelFont font, double size, double width) {
+    PangoRectangle logical;
+    pango_layout_get_extents(layout(text, font, size, width), nullptr, &logical);
+    return double(logical.height) / PANGO_SCALE;
+}
+
+double PanelText::offsetOfIndex(std::string_view text, PanelFont font, double size,
+                                std::size_t index) {
+    PangoRectangle pos;
+    pango_layout_index_to_pos(layout(text, font, size), int(std::min(index, text.size())), &pos);
+    return double(pos.x) / PANGO_SCALE;
+}
+
+std::size_t PanelText::indexAtOffset(std::string_view text, PanelFont font, double size, double x) {
+    int index = 0, trailing = 0;
+    pango_layout_xy_to_index(layout(text, font, size), int(x * PANGO_SCALE), 0, &index, &trailing);
+    std::size_t i = std::size_t(std::max(index, 0));
+    // Past the middle of a character: after it.
+    for (; trailing > 0 && i < text.size(); --trailing) {
+        ++i;
+        while (i < text.size() && (static_cast<unsigned char>(text[i]) & 0xC0) == 0x80) ++i;
+    }
+    return std::min(i, text.size());
 }
 
 } // namespace sr::editor

@@ -38,6 +38,18 @@ public:
                    const CGRect& box, const UIColor& color);
     // Width and height of the text's logical extents, in canvas units.
     CGSize measure(std::string_view text, PanelFont font, double size);
+    // One line as drawLine, cut with "…" where it would pass the box's width.
+    void drawLineElided(cairo_t* cr, std::string_view text, PanelFont font, double size,
+                        const CGRect& box, TextAlign align, const UIColor& color);
+    // Text broken into lines at the box's width, from its top; returns the height it took.
+    double drawWrapped(cairo_t* cr, std::string_view text, PanelFont font, double size,
+                       const CGRect& box, TextAlign align, const UIColor& color);
+    // The height drawWrapped takes for the text at that width.
+    double measureWrapped(std::string_view text, PanelFont font, double size, double width);
+    // Where the caret before byte `index` of a line of text lies, from its left edge; and the
+    // byte index nearest to `x` (for placing the caret with the pointer).
+    double offsetOfIndex(std::string_view text, PanelFont font, double size, std::size_t index);
+    std::size_t indexAtOffset(std::string_view text, PanelFont font, double size, double x);
     // The face's height of capitals at this size.
     double capHeight(PanelFont font, double size);
 
@@ -50,7 +62,9 @@ public:
 
 private:
     static double legibleSize(cairo_t* cr, double size);
-    PangoLayout* layout(std::string_view text, PanelFont font, double size);
+    // `width` > 0 breaks lines at it (`elide` false) or cuts the line there with "…".
+    PangoLayout* layout(std::string_view text, PanelFont font, double size, double width = 0,
+                        bool elide = false, TextAlign align = TextAlign::left);
 
     PangoContext* context = nullptr;
     std::unordered_map<std::string, PangoLayout*> layouts;

@@ -40,7 +40,7 @@ enum UIControlEvents : unsigned {
 };
 
 // What a pointer over the panel may do there, for the host to show as a cursor.
-enum class PanelCursor { arrow, press, dragHorizontal, dragVertical };
+enum class PanelCursor { arrow, press, dragHorizontal, dragVertical, text };
 
 class TAVSRChorusView {
 public:

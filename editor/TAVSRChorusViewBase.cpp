@@ -365,20 +365,7 @@ void TAVSRChorusViewBase::drawDisplayGlass(cairo_t* cr) {
     cairo_translate(cr, 50.72, 329.43);
     cairo_scale(cr, 1.1, 1.1);
     const CGRect box{-1.72, -25.43, 441, 50};
-    roundedRect(cr, box, 6);
-    colorGrey.set(cr);
-    cairo_fill_preserve(cr);
-    // Recessed glass: shade along the top edge.
-    cairo_pattern_t* inset = cairo_pattern_create_linear(0, box.minY(), 0, box.maxY());
-    UIColor::black().withAlpha(0.22).addStop(inset, 0);
-    UIColor::black().withAlpha(0.0).addStop(inset, 0.25);
-    UIColor::white().withAlpha(0.03).addStop(inset, 1);
-    cairo_set_source(cr, inset);
-    cairo_fill_preserve(cr);
-    cairo_pattern_destroy(inset);
-    UIColor::systemGray().set(cr);
-    cairo_set_line_width(cr, 0.5);
-    cairo_stroke(cr);
+    recessedGlass(cr, box, 6, colorGrey, box.height() / 4);
     cairo_restore(cr);
 }
 

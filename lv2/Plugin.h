@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -59,10 +60,16 @@ private:
     struct SequenceWriter {
         LV2_Atom_Forge forge{};
         LV2_Atom_Forge_Frame frame{};
+        LV2_Atom_Sequence* port = nullptr;
+        std::uint32_t capacity = 0;
         bool open = false;
+        bool forging = false;
         void begin(LV2_Atom_Sequence* port);
         bool fits(std::uint32_t bodyBytes) const;
-        std::uint32_t room() const { return open ? forge.size - forge.offset : 0; }
+        // The forge, after the sequence's head, for the next event.
+        LV2_Atom_Forge& events();
+        // Bytes left for events.
+        std::uint32_t room() const;
         void end();
     };
 
@@ -90,18 +97,23 @@ private:
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
     HostRenderCycle cycle;
+    AUParameterTree* tree = nullptr;
     std::array<AUParameter*, kParameterCount> parameters{};
 
-    std::array<const float*, kParameterCount> controls{};
     const float* audioIn[2]{};
     float* audioOut[2]{};
     const LV2_Atom_Sequence* midiIn = nullptr;
     LV2_Atom_Sequence* midiOut = nullptr;
     LV2_Atom_Sequence* notify = nullptr;
 
-    // Control port values as last read, and whether each has been read since instantiation.
-    std::array<float, kParameterCount> portValues{};
-    std::array<bool, kParameterCount> portSeen{};
+    // The control ports, and the bits of each as last read. An unconnected port reads
+    // kUnconnectedPort, whose bits (a NaN no host writes) every port holds before its first
+    // read, so any first value is a change.
+    static constexpr float kUnconnectedPort = std::bit_cast<float>(std::uint32_t(0x7FC5C0DE));
+    // Rounded up to whole groups of four for the comparison; the extra ones stay unconnected.
+    static constexpr std::size_t kControlSlots = (kParameterCount + 3) / 4 * 4;
+    std::array<const float*, kControlSlots> controls;
+    alignas(16) std::array<std::uint32_t, kControlSlots> portBits;
     // The effective values the host and the editor have been told about.
     std::array<float, kParameterCount> reported{};
     // After a restore, the ports' next values are taken as they stand, so the restored state
@@ -109,6 +121,10 @@ private:
     bool adoptPorts = false;
     // Values an editor asked for, reported whether they changed or not.
     std::array<bool, kParameterCount> reportRequested{};
+    // The tree's change count when every value had been reported, and whether a report is
+    // owed regardless (a request, or a notify port that ran out of room).
+    std::uint64_t reportedChanges = ~std::uint64_t(0);
+    bool reportOwed = true;
     bool audioWarned = false;
     // Port changes of the current run(), applied at its first frame.
     std::array<HostParameterChange, kParameterCount> portChanges{};

@@ -69,8 +69,8 @@ double hostSampleRate(const LV2_Options_Option* options, LV2_URID_Map* map) {
 
 class UI : public editor::ParameterWriter {
 public:
-    static UI* create(LV2UI_Write_Function write, LV2UI_Controller host, LV2UI_Widget* widget,
-                      const LV2_Feature* const* features);
+    static UI* create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host,
+                      LV2UI_Widget* widget, const LV2_Feature* const* features);
     ~UI() override;
 
     void portEvent(std::uint32_t port, std::uint32_t size, std::uint32_t format,
@@ -83,7 +83,7 @@ public:
     void endGesture(AUParameterAddress address) override { touch(address, false); }
 
 private:
-    UI(LV2UI_Write_Function write, LV2UI_Controller host, LV2_URID_Map* map,
+    UI(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host, LV2_URID_Map* map,
        const LV2UI_Touch* touch, LogChannel::Sink logSink);
     void note(std::string_view text);
     void touch(AUParameterAddress address, bool grabbed);
@@ -108,18 +108,20 @@ private:
     std::chrono::steady_clock::time_point nextUiOn;
 };
 
-UI::UI(LV2UI_Write_Function w, LV2UI_Controller h, LV2_URID_Map* map, const LV2UI_Touch* t,
-       LogChannel::Sink logSink)
+UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_URID_Map* map,
+       const LV2UI_Touch* t, LogChannel::Sink logSink)
     : logChannel(std::move(logSink)), write(w), host(h), touchFeature(t), messages(map),
       mirror(this), controller(&logChannel) {
+    // The shipped presets lie in the bundle; the browser copies them where it lists them.
+    if (bundlePath) controller.resourcesPath = bundlePath;
     controller.viewDidLoad();
     controller.setAudioUnit(&mirror);
     controller.mainQueue().drain(); // connects the panel to the mirror
     nextTimer = std::chrono::steady_clock::now();
 }
 
-UI* UI::create(LV2UI_Write_Function write, LV2UI_Controller host, LV2UI_Widget* widget,
-               const LV2_Feature* const* features) {
+UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host,
+               LV2UI_Widget* widget, const LV2_Feature* const* features) {
     auto* map = static_cast<LV2_URID_Map*>(const_cast<void*>(findFeature(features, LV2_URID__map)));
     const auto* options =
         static_cast<const LV2_Options_Option*>(findFeature(features, LV2_OPTIONS__options));
@@ -132,7 +134,7 @@ UI* UI::create(LV2UI_Write_Function write, LV2UI_Controller host, LV2UI_Widget* 
         return nullptr;
     }
     std::unique_ptr<UI> ui(
-        new UI(write, host, map, touch,
+        new UI(bundlePath, write, host, map, touch,
                hostLog(static_cast<const LV2_Log_Log*>(findFeature(features, LV2_LOG__log)), map)));
     if (!map) ui->note("WARNING: no urid:map from the host: values changed by MIDI will not show");
     const float scale = scaleFactor(options, map);
@@ -242,7 +244,7 @@ UI* self(LV2UI_Handle handle) {
     return static_cast<UI*>(handle);
 }
 
-LV2UI_Handle instantiate(const LV2UI_Descriptor*, const char* pluginURI, const char*,
+LV2UI_Handle instantiate(const LV2UI_Descriptor*, const char* pluginURI, const char* bundlePath,
                          LV2UI_Write_Function write, LV2UI_Controller controller,
                          LV2UI_Widget* widget, const LV2_Feature* const* features) {
     if (!pluginURI || std::strcmp(pluginURI, kPluginURI) != 0) {
@@ -250,7 +252,7 @@ LV2UI_Handle instantiate(const LV2UI_Descriptor*, const char* pluginURI, const c
         return nullptr;
     }
     try {
-        return UI::create(write, controller, widget, features);
+        return UI::create(bundlePath, write, controller, widget, features);
     } catch (const std::exception& error) {
         log(std::string("ERROR: no editor: ") + error.what());
     } catch (...) {

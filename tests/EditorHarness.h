@@ -35,6 +35,9 @@ struct RecordingWriter : editor::ParameterWriter {
 class EditorHarness {
 public:
     explicit EditorHarness(double width = 1024, double height = 400) : mirror(&writer) {
+        // Never the user's own folders: the browser creates its preset folders when opened.
+        controller.documentsPath = std::string(SR_TEST_TMP) + "/editor-documents/";
+        controller.homePath = std::string(SR_TEST_TMP) + "/editor-home/";
         controller.viewDidLoad();
         controller.setAudioUnit(&mirror);
         controller.mainQueue().drain();

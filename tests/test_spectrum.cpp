@@ -7,7 +7,9 @@
 #include <numbers>
 #include <vector>
 
+#include "AudioUnitHost.h"
 #include "EditorHarness.h"
+#include "editor/HostedAudioUnit.h"
 #include "editor/SpectrumAnalyzer.h"
 #include "editor/SpectrumDisplay.h"
 #include "editor/SplitAxis.h"
@@ -239,13 +241,10 @@ TEST(SpectrumDisplay, TheControllerRedrawsOnlyWhileThereIsSomethingToShow) {
 
 namespace {
 
-// A unit in the editor's own process, as the standalone app's panel has it: it says its rate.
-struct InProcessUnit : sr::editor::AudioUnitMirror {
-    double sampleRate() const override { return 96000.0; }
-};
-
+// As the standalone app has it: the editor on a unit in its own process, at 96 kHz.
 TEST(SpectrumDisplay, InProcessTheRateComesFromTheUnitAndTheInputFromTheTap) {
-    InProcessUnit unit;
+    sr::test::AudioUnitHost host(sr::test::AudioUnitHost::Options{96000.0});
+    sr::editor::HostedAudioUnit unit(host.unit);
     sr::editor::AudioUnitViewController controller;
     controller.viewDidLoad();
     controller.setAudioUnit(&unit);

@@ -30,7 +30,8 @@ struct Library {
 };
 
 constexpr Library kLibraries[] = {
-    {"libplist-2.0", "reads and writes the property-list state", "property-list state", kPlugin},
+    {"libplist-2.0", "reads and writes the property-list state and preset files",
+     "property-list state", kPlugin | kUi},
     {"libstdc++", "C++ runtime", "C++ runtime", kPlugin | kUi},
     {"libm", "maths functions the DSP calls", "maths", kPlugin | kUi},
     {"libgcc_s", "unwinds the stack for C++ exceptions", "unwinding", kPlugin | kUi},
@@ -44,6 +45,7 @@ constexpr Library kLibraries[] = {
     {"libpangocairo-1.0", "sets the editor's text with Cairo", "text on Cairo", kUi},
     {"libpango-1.0", "lays out the editor's text", "text layout", kUi},
     {"libgobject-2.0", "releases the text layouts (Pango's objects)", "Pango objects", kUi},
+    {"libxkbcommon", "names the text a key types into the editor's dialogs", "typed text", kUi},
     {"libfftw3f", "transforms the input for the spectrum behind the split bar", "FFT", kUi},
 };
 

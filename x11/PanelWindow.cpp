@@ -3,8 +3,10 @@
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
 #include <X11/cursorfont.h>
+#include <X11/keysym.h>
 #include <cairo-xlib.h>
 #include <cairo.h>
+#include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
 
@@ -18,11 +20,92 @@ Window asWindow(std::uintptr_t w) {
     return Window(w);
 }
 
+unsigned modifiersOf(unsigned state) {
+    unsigned m = 0;
+    if (state & ShiftMask) m |= editor::kModifierShift;
+    if (state & ControlMask) m |= editor::kModifierControl;
+    return m;
+}
+
+// A key as the editor takes it: the named keys, else the text the key types (as UTF-8, from its
+// keysym, so any layout's letters arrive whole).
+editor::PanelKeyEvent translateKey(XKeyEvent& event) {
+    editor::PanelKeyEvent key;
+    key.shift = event.state & ShiftMask;
+    key.control = event.state & ControlMask;
+    char latin[32];
+    KeySym sym = NoSymbol;
+    XLookupString(&event, latin, sizeof latin, &sym, nullptr);
+    using K = editor::PanelKey;
+    switch (sym) {
+    case XK_BackSpace:
+        key.key = K::backspace;
+        return key;
+    case XK_Delete:
+    case XK_KP_Delete:
+        key.key = K::deleteForward;
+        return key;
+    case XK_Left:
+    case XK_KP_Left:
+        key.key = K::left;
+        return key;
+    case XK_Right:
+    case XK_KP_Right:
+        key.key = K::right;
+        return key;
+    case XK_Up:
+    case XK_KP_Up:
+        key.key = K::up;
+        return key;
+    case XK_Down:
+    case XK_KP_Down:
+        key.key = K::down;
+        return key;
+    case XK_Home:
+    case XK_KP_Home:
+        key.key = K::home;
+        return key;
+    case XK_End:
+    case XK_KP_End:
+        key.key = K::end;
+        return key;
+    case XK_Page_Up:
+    case XK_KP_Page_Up:
+        key.key = K::pageUp;
+        return key;
+    case XK_Page_Down:
+    case XK_KP_Page_Down:
+        key.key = K::pageDown;
+        return key;
+    case XK_Return:
+    case XK_KP_Enter:
+        key.key = K::enter;
+        return key;
+    case XK_Escape:
+        key.key = K::escape;
+        return key;
+    case XK_Tab:
+    case XK_ISO_Left_Tab:
+        key.key = K::tab;
+        return key;
+    default:
+        break;
+    }
+    char utf8[16];
+    const int n = xkb_keysym_to_utf8(xkb_keysym_t(sym), utf8, sizeof utf8);
+    // n counts the terminating NUL; a control character is no text.
+    if (n > 1 && static_cast<unsigned char>(utf8[0]) >= 0x20 && utf8[0] != 0x7F) {
+        key.key = K::text;
+        key.text.assign(utf8, std::size_t(n - 1));
+    }
+    return key;
+}
+
 } // namespace
 
 PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t parent, int w, int h,
                          const std::string& title)
-    : controller(c), pointer(c.pluginView), width_(std::max(w, 1)), height_(std::max(h, 1)) {
+    : controller(c), input(c), width_(std::max(w, 1)), height_(std::max(h, 1)) {
     display = XOpenDisplay(nullptr);
     if (!display) {
         error_ = "cannot open the X display (is DISPLAY set?)";
@@ -47,7 +130,7 @@ PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t pare
     attributes.border_pixel = 0;
     attributes.colormap = parentAttributes.colormap;
     attributes.event_mask = ExposureMask | StructureNotifyMask | ButtonPressMask |
-                            ButtonReleaseMask | PointerMotionMask | LeaveWindowMask;
+                            ButtonReleaseMask | PointerMotionMask | LeaveWindowMask | KeyPressMask;
     const Window created =
         XCreateWindow(display, container, 0, 0, unsigned(width_), unsigned(height_), 0, depth,
                       InputOutput, static_cast<Visual*>(visual),
@@ -82,6 +165,7 @@ PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t pare
         XCreateFontCursor(display, XC_sb_h_double_arrow);
     cursors[int(editor::PanelCursor::dragVertical)] =
         XCreateFontCursor(display, XC_sb_v_double_arrow);
+    cursors[int(editor::PanelCursor::text)] = XCreateFontCursor(display, XC_xterm);
     XMapRaised(display, created);
     XFlush(display);
 }
@@ -153,7 +237,7 @@ void PanelWindow::followParent() {
 }
 
 void PanelWindow::updateCursor(int x, int y) {
-    const int shape = int(pointer.cursorAt({double(x), double(y)}));
+    const int shape = int(input.cursorAt({double(x), double(y)}));
     if (shape == cursorShown) return;
     cursorShown = shape;
     XDefineCursor(display, asWindow(window), Cursor(cursors[shape]));
@@ -185,33 +269,45 @@ void PanelWindow::handle(const void* raw) {
         break;
     case UnmapNotify:
         mapped = false;
-        pointer.grabLost();
+        input.grabLost();
         break;
     case ButtonPress: {
         const editor::CGPoint p{double(event.xbutton.x), double(event.xbutton.y)};
-        const bool fine = event.xbutton.state & ShiftMask;
-        if (event.xbutton.button == Button1)
-            pointer.press(p, double(event.xbutton.time) / 1000.0);
-        else if (event.xbutton.button == Button4)
-            pointer.wheel(p, 1, fine);
-        else if (event.xbutton.button == Button5)
-            pointer.wheel(p, -1, fine);
+        const unsigned modifiers = modifiersOf(event.xbutton.state);
+        const unsigned button = event.xbutton.button;
+        if (button >= Button1 && button <= Button3)
+            input.press(p, int(button), modifiers, double(event.xbutton.time) / 1000.0);
+        else if (button == Button4)
+            input.wheel(p, 1, modifiers);
+        else if (button == Button5)
+            input.wheel(p, -1, modifiers);
+        if (input.wantsKeyboard()) takeFocus(event.xbutton.time);
+        updateCursor(event.xbutton.x, event.xbutton.y);
         break;
     }
     case ButtonRelease:
         // Also outside the window: the press's implicit grab brings the release here.
-        if (event.xbutton.button == Button1)
-            pointer.release({double(event.xbutton.x), double(event.xbutton.y)});
+        if (event.xbutton.button >= Button1 && event.xbutton.button <= Button3)
+            input.release({double(event.xbutton.x), double(event.xbutton.y)},
+                          int(event.xbutton.button));
         break;
     case MotionNotify:
-        if (pointer.isDragging())
-            pointer.motion({double(event.xmotion.x), double(event.xmotion.y)});
-        else
-            updateCursor(event.xmotion.x, event.xmotion.y);
+        input.motion({double(event.xmotion.x), double(event.xmotion.y)});
+        if (!input.isDragging()) updateCursor(event.xmotion.x, event.xmotion.y);
         break;
     case LeaveNotify:
         // Another client took the pointer away mid-drag: the drag is cancelled.
-        if (event.xcrossing.mode == NotifyGrab) pointer.grabLost();
+        if (event.xcrossing.mode == NotifyGrab) input.grabLost();
+        break;
+    case KeyPress: {
+        // From the server while the window has the focus, or sent on by a host that embeds it.
+        XKeyEvent key = event.xkey;
+        input.key(translateKey(key));
+        break;
+    }
+    case MappingNotify:
+        // xdotool, a layout switch: keys are read with the new keyboard map from now on.
+        XRefreshKeyboardMapping(const_cast<XMappingEvent*>(&event.xmapping));
         break;
     case ClientMessage:
         if (deleteAtom && Atom(event.xclient.data.l[0]) == Atom(deleteAtom)) closeRequested_ = true;
@@ -237,9 +333,49 @@ int PanelWindow::processEvents() {
         handle(&event);
         ++handled;
     }
+    if (focusTaken && !input.wantsKeyboard()) releaseFocus();
     if (mapped && (sizeChanged || controller.pluginView.isDirty())) redraw();
     XFlush(display);
     return handled;
+}
+
+void PanelWindow::takeFocus(unsigned long time) {
+    // A top-level window has the keyboard from the window manager.
+    if (!parentWindow || !mapped) return;
+    Window focus = None;
+    int revert = 0;
+    XGetInputFocus(display, &focus, &revert);
+    if (focus == asWindow(window)) return;
+    if (!focusTaken) previousFocus = focus;
+    focusTaken = true;
+    XSetInputFocus(display, asWindow(window), RevertToParent, Time(time));
+}
+
+void PanelWindow::releaseFocus() {
+    focusTaken = false;
+    Window focus = None;
+    int revert = 0;
+    XGetInputFocus(display, &focus, &revert);
+    if (focus != asWindow(window) || !mapped) return;
+    // Back to where it was when that is a window around ours (which exists as long as ours
+    // does); otherwise to the host's window that holds ours.
+    const std::uintptr_t target = isAncestor(previousFocus) ? previousFocus : parentWindow;
+    XSetInputFocus(display, asWindow(target), RevertToParent, CurrentTime);
+}
+
+bool PanelWindow::isAncestor(std::uintptr_t candidate) const {
+    if (candidate == 0 || candidate == PointerRoot) return false;
+    Window current = asWindow(window);
+    for (int depth = 0; depth < 64; ++depth) {
+        Window root = 0, parent = 0, *children = nullptr;
+        unsigned count = 0;
+        if (!XQueryTree(display, current, &root, &parent, &children, &count)) return false;
+        if (children) XFree(children);
+        if (parent == 0 || parent == root) return false;
+        if (parent == asWindow(candidate)) return true;
+        current = parent;
+    }
+    return false;
 }
 
 } // namespace sr::x11

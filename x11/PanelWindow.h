@@ -1,7 +1,7 @@
 // An X11 window showing the editor: Xlib and cairo-xlib, double-buffered through a pixmap that
-// is drawn again only when the panel changed (an expose copies from it), pointer input mapped
-// onto the panel, cursor hints. Embedded into a parent window (a plug-in host's) or top-level
-// (the standalone app). Nothing runs by itself: the owner calls processEvents() when the
+// is drawn again only when the panel changed (an expose copies from it), pointer and keys mapped
+// onto the editor (PanelInput), cursor hints. Embedded into a parent window (a plug-in host's) or
+// top-level (the standalone app). Nothing runs by itself: the owner calls processEvents() when the
 // display connection has input (connectionNumber()) or on its idle tick, never in a busy loop.
 // Each window has its own display connection, so several windows in one process are
 // independent. Threading: one thread, the owner's.
@@ -11,7 +11,7 @@
 #include <string>
 
 #include "editor/AudioUnitViewController.h"
-#include "editor/PanelPointer.h"
+#include "editor/PanelInput.h"
 
 typedef struct _XDisplay Display;
 typedef struct _cairo_surface cairo_surface_t;
@@ -56,9 +56,14 @@ private:
     void copyToWindow(int x, int y, int w, int h);
     void updateCursor(int x, int y);
     void followParent();
+    // An embedded window gets keys only when it asks for the keyboard focus: it does while
+    // something over the panel takes typed keys, and gives the focus back after.
+    void takeFocus(unsigned long time);
+    void releaseFocus();
+    bool isAncestor(std::uintptr_t candidate) const;
 
     editor::AudioUnitViewController& controller;
-    editor::PanelPointer pointer;
+    editor::PanelInput input;
     Display* display = nullptr;
     std::uintptr_t window = 0;
     std::uintptr_t parentWindow = 0; // when embedded
@@ -71,7 +76,9 @@ private:
     int bufferWidth = 0, bufferHeight = 0;
     bool bufferValid = false;
     bool sizeChanged = true;
-    std::uintptr_t cursors[4] = {};
+    std::uintptr_t cursors[5] = {};
+    bool focusTaken = false;
+    std::uintptr_t previousFocus = 0;
     int cursorShown = -1;
     std::uintptr_t deleteAtom = 0;
     bool closeRequested_ = false;

@@ -104,9 +104,16 @@ stop_app() {
     APP_PID=""
 }
 
-# expect_line PATTERN [FILE]: the app's log (or FILE) has a line matching the pattern.
+# expect_line PATTERN [FILE]: the app's log (or FILE) has a line matching the pattern. The log
+# is written by a background thread that may sleep for a moment when idle, so a running app is
+# given up to five seconds to write it.
 expect_line() {
-    grep -qE "$1" "${2:-$APP_LOG}" || fail "no line matching '$1' in ${2:-$APP_LOG}"
+    local tries=50
+    until grep -qE "$1" "${2:-$APP_LOG}"; do
+        tries=$((tries - 1))
+        [ "$tries" -gt 0 ] || fail "no line matching '$1' in ${2:-$APP_LOG}"
+        sleep 0.1
+    done
 }
 
 # The value a saved state holds for a parameter, compared as text with what 0..127 of a

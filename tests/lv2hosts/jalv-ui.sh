@@ -2,48 +2,12 @@
 # The editor in a real host: jalv.gtk3 embeds it on a private Xvfb display, with a private dummy
 # JACK server, at GTK scale 1 and 2. A screenshot shows the panel (its size and a few pixels),
 # and a drag on the depth knob with xdotool changes the plug-in's depth (the plug-in logs every
-# value it takes, into jalv's log). Screenshots are kept in BUILD/test-screenshots/.
+# value it takes, into jalv's log); with a click track playing into the plug-in, the input's
+# spectrum shows and moves behind the split bar. Screenshots are kept in BUILD/test-screenshots/.
 source "$(dirname "$0")/common.sh"
-need Xvfb xdotool import convert compare xwininfo jackd jack_wait jack_metro jack_connect jalv.gtk3 \
-    stdbuf
 cd "$WORK"
-SHOTS=$(cd "$LV2_DIR/.." && pwd)/test-screenshots
-mkdir -p "$SHOTS"
-
-# An X server of our own; -displayfd lets it pick a free display.
-Xvfb -displayfd 4 -screen 0 2400x1200x24 -nolisten tcp 4>display.txt >xvfb.log 2>&1 &
-XVFB=$!
-CLEANUP+=("stop $XVFB")
-for ((i = 0; i < 100; i++)); do
-    [ -s display.txt ] && break
-    kill -0 "$XVFB" 2>/dev/null || fail "Xvfb did not start: $(cat xvfb.log)"
-    sleep 0.1
-done
-[ -s display.txt ] || fail "Xvfb named no display in 10 s"
-export DISPLAY=:$(cat display.txt)
-
-SERVER=srui$$
-export JACK_DEFAULT_SERVER=$SERVER JACK_NO_START_SERVER=1
-jackd -n "$SERVER" -d dummy -r 48000 -p 256 >jackd.log 2>&1 &
-JACKD=$!
-CLEANUP+=("stop $JACKD")
-jack_wait -s "$SERVER" -w -t 10 >/dev/null 2>&1 || fail "jackd did not start: $(cat jackd.log)"
-
-# The colour at x,y of a PNG as "r g b" (0..255).
-pixel() {
-    convert "$1" -format "%[fx:int(255*p{$2,$3}.r)] %[fx:int(255*p{$2,$3}.g)] %[fx:int(255*p{$2,$3}.b)]" info:
-}
-# True when pixel $1 ("r g b") is within $3 of each of $2's components.
-near() {
-    local a b i
-    read -ra a <<<"$1"
-    read -ra b <<<"$2"
-    for i in 0 1 2; do
-        local d=$((a[i] - b[i]))
-        ((d < 0)) && d=$((-d))
-        ((d <= $3)) || return 1
-    done
-}
+source "$HERE/x11host.sh"
+need compare jack_metro jack_connect
 
 run_at_scale() {
     local scale=$1 client=sr-jalv-ui$1 width=$((1024 * $1)) height=$((400 * $1))
@@ -54,22 +18,9 @@ run_at_scale() {
         2>"jalv$scale.err" &
     local jalv=$!
     # The editor's window: the child of jalv's top-level that has the panel's size.
-    local id="" i
-    for ((i = 0; i < 150; i++)); do
-        id=$(xwininfo -root -tree 2>/dev/null | awk -v s="${width}x${height}+" \
-            '$0 ~ s && $0 ~ /has no name/ {print $1}' | tail -n1)
-        [ -n "$id" ] && break
-        kill -0 "$jalv" 2>/dev/null || fail "jalv.gtk3 exited: $(cat "jalv$scale.err")"
-        sleep 0.1
-    done
-    [ -n "$id" ] || {
-        xwininfo -root -tree >&2
-        fail "no ${width}x${height} editor window in jalv.gtk3 at scale $scale"
-    }
+    find_editor "${width}x${height}" "$jalv"
     sleep 1 # the first idle calls draw it
-    local x y
-    x=$(xwininfo -id "$id" | awk '/Absolute upper-left X/ {print $4}')
-    y=$(xwininfo -id "$id" | awk '/Absolute upper-left Y/ {print $4}')
+    local x=$WX y=$WY
     import -window root -crop "${width}x${height}+$x+$y" "shot$scale.png"
     cp "shot$scale.png" "$SHOTS/jalv-ui-scale$scale.png"
     local size
@@ -129,23 +80,15 @@ bar_difference() {
 # the plug-in's inputs (jack_metro, 880 Hz beeps four times a second), it rises and falls, so
 # screenshots a moment apart differ in the bar; jalv says nothing about the messages.
 spectrum_moves() {
-    local client=sr-jalv-spectrum i id x y
+    local client=sr-jalv-spectrum i x y
     mkfifo commands-spectrum
     exec 3<>commands-spectrum
-    stdbuf -oL jalv.gtk3 -n "$client" "$URI" <&3 >spectrum.out 2>spectrum.err &
+    stdbuf -oL jalv.gtk3 -n "$client" "$URI" <&3 >jalv-spectrum.out 2>jalv-spectrum.err &
     local jalv=$!
-    id=""
-    for ((i = 0; i < 150; i++)); do
-        id=$(xwininfo -root -tree 2>/dev/null | awk '$0 ~ /1024x400\+/ && $0 ~ /has no name/ {print $1}' |
-            tail -n1)
-        [ -n "$id" ] && break
-        kill -0 "$jalv" 2>/dev/null || fail "jalv.gtk3 exited: $(cat spectrum.err)"
-        sleep 0.1
-    done
-    [ -n "$id" ] || fail "no editor window for the spectrum"
+    find_editor 1024x400 "$jalv"
+    x=$WX
+    y=$WY
     sleep 1
-    x=$(xwininfo -id "$id" | awk '/Absolute upper-left X/ {print $4}')
-    y=$(xwininfo -id "$id" | awk '/Absolute upper-left Y/ {print $4}')
     import -window root -crop "1024x400+$x+$y" silent.png
     jack_metro -n sr-spectrum-metro -b 240 -f 880 -A 0.5 >/dev/null 2>&1 &
     local metro=$!
@@ -156,10 +99,9 @@ spectrum_moves() {
         sleep 0.1
     done
     sleep 1
-    local shots=() differ=0 previous="" d appeared=0
+    local differ=0 previous="" d appeared=0
     for ((i = 0; i < 6; i++)); do
         import -window root -crop "1024x400+$x+$y" "playing$i.png"
-        shots+=("playing$i.png")
         d=$(bar_difference silent.png "playing$i.png")
         ((d > appeared)) && appeared=$d
         if [ -n "$previous" ]; then
@@ -174,10 +116,10 @@ spectrum_moves() {
     stop "$metro"
     stop "$jalv" INT
     exec 3>&-
-    [ "$STATUS" = 0 ] || fail "jalv.gtk3 exited with status $STATUS: $(cat spectrum.err)"
+    [ "$STATUS" = 0 ] || fail "jalv.gtk3 exited with status $STATUS: $(cat jalv-spectrum.err)"
     ((appeared > 500)) || fail "no spectrum appeared in the bar with audio playing ($appeared pixels)"
     ((differ > 200)) || fail "the spectrum did not move between screenshots ($differ pixels)"
-    if grep -Ei 'error|overflow|unknown' spectrum.err spectrum.out; then
+    if grep -Ei 'error|overflow|unknown' jalv-spectrum.err jalv-spectrum.out; then
         fail "jalv.gtk3 complained while the spectrum played"
     fi
     echo "spectrum: $appeared pixels of the bar lit with audio playing, up to $differ changed" \
