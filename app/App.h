@@ -47,6 +47,8 @@ public:
     bool loadPresetFile(const std::string& path) override;
     bool saveUserPreset(const std::string& name) override;
     void quit() override;
+    InputTap& inputTap() override;
+    double sampleRate() const override;
 
 private:
     void restoreState();
