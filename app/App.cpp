@@ -143,6 +143,14 @@ void App::error(const std::string& message) {
     std::cerr << "sr-chorus: error: " << message << std::endl;
 }
 
+InputTap& App::inputTap() {
+    return engine->inputTap();
+}
+
+double App::sampleRate() const {
+    return engine ? engine->sampleRate() : 0.0;
+}
+
 std::string App::windowTitle() const {
     return presetName.empty() ? kAppName : std::string(kAppName) + " - " + presetName;
 }

@@ -48,6 +48,8 @@ public:
     bool loadPresetFile(const std::string& path) override;
     void setCurrentPresetFile(const std::string& path) override;
     void quit() override;
+    InputTap& inputTap() override;
+    double sampleRate() const override;
 
 private:
     void restoreState();

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
+#include "platform/InputTap.h"
 #include "platform/MainQueue.h"
 
 namespace sr::app {
@@ -34,6 +35,11 @@ public:
     virtual void setCurrentPresetFile(const std::string& path) = 0;
     // Ends the main loop after this turn; the state is saved on the way out.
     virtual void quit() = 0;
+    // The input of the app's audio cycles, for the panel's spectrum: open() it while the panel
+    // shows the spectrum, close() it when not, and take() its samples on the main thread; they
+    // come at sampleRate(). The same tap the LV2 plug-in's editor reads through the plug-in.
+    virtual InputTap& inputTap() = 0;
+    virtual double sampleRate() const = 0;
 };
 
 class AppWindow {

@@ -2,7 +2,8 @@
 // window class, editing the app's own audio unit in this process. Its controller works on the
 // unit's parameter tree: the panel's changes reach the audio thread through the unit's queued
 // path, and the tree's observers bring what changed elsewhere (a MIDI controller on the main
-// queue, a restored state, a preset) to the panel on the main thread.
+// queue, a restored state, a preset) to the panel on the main thread. The spectrum behind the
+// split bar comes from the app's input tap, which the audio cycles fill while the window is open.
 #include <X11/Xlib.h>
 
 #include <memory>
@@ -56,13 +57,22 @@ public:
         controller.viewDidLoad();
         controller.setAudioUnit(&hosted);
         controller.mainQueue().drain(); // connects the panel to the unit's tree
+        app.inputTap().open();
     }
+    ~PanelAppWindow() override {
+        if (window.ok()) app.inputTap().close();
+    }
+    PanelAppWindow(const PanelAppWindow&) = delete;
+    PanelAppWindow& operator=(const PanelAppWindow&) = delete;
 
     bool ok() const { return window.ok(); }
     const std::string& error() const { return window.error(); }
 
     int eventDescriptor() const override { return window.connectionNumber(); }
-    void pump() override { window.idle(); }
+    void pump() override {
+        if (!window.lost()) controller.takeInput(app.inputTap(), app.sampleRate());
+        window.idle();
+    }
     bool closed() const override { return window.closeRequested(); }
     bool lost() const override { return window.lost(); }
     void presetChanged() override { window.setTitle(app.windowTitle()); }

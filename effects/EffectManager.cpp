@@ -128,6 +128,24 @@ float EffectManager::getFrequencyResponse(float freq) {
     return effectType == 7 && effect ? effect->getFrequencyResponse(freq) : 0.0f;
 }
 
+void EffectManager::insertionGains(float v, float& dry, float& wet) const {
+    if (v < 0.5f) {
+        dry = 1.0f;
+        wet = v * 2.0f;
+    } else {
+        wet = 1.0f;
+        dry = (1.0f - v) * 2.0f;
+    }
+    // Reverb and echo get a non-linear wet law.
+    if (effectType == 1 || effectType == 2) wet *= wet;
+}
+
+Chorus* EffectManager::insertedChorus(float& dry, float& wet) {
+    if (effectType != 3 || !effect || insertion == 0 || dryOnly) return nullptr;
+    insertionGains(effect->volume, dry, wet);
+    return static_cast<Chorus*>(effect.get());
+}
+
 void EffectManager::process(float* left, float* right) {
     // The buffers were sized at construction; a larger block is a caller's bug we refuse to
     // turn into an overrun.
@@ -162,15 +180,7 @@ void EffectManager::process(float* left, float* right) {
     }
     if (insertion != 0) {
         float dry, wet;
-        if (v < 0.5f) {
-            dry = 1.0f;
-            wet = v * 2.0f;
-        } else {
-            wet = 1.0f;
-            dry = (1.0f - v) * 2.0f;
-        }
-        // Reverb and echo get a non-linear wet law.
-        if (effectType == 1 || effectType == 2) wet *= wet;
+        insertionGains(v, dry, wet);
         if (dryOnly) {
             for (int i = 0; i < n; ++i) {
                 left[i] *= dry;

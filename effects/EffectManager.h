@@ -9,6 +9,8 @@
 
 #include "effects/Effect.h"
 
+class Chorus;
+
 class EffectManager : public BaseClass {
 public:
     // part >= 0: an instrument part's effects; -1 insertion, -2 system effects.
@@ -35,6 +37,10 @@ public:
     float getFrequencyResponse(float freq);
     // Processes SOUND_BUFFER_SIZE samples of both arrays in place.
     void process(float* left, float* right);
+    // The chorus when process() runs it as an insertion effect with its output added to the
+    // input (not dry-only), with the factors of that law; null otherwise. For a caller that
+    // runs the chorus's frames itself, adding the denormal noise first and then the law.
+    Chorus* insertedChorus(float& dry, float& wet);
 
     Effect* getEffectObject() { return effect.get(); }
     float* getOutLeft() { return outLeft.data(); }
@@ -46,6 +52,9 @@ public:
     FilterState* filterParams = nullptr;
 
 private:
+    // The insertion law's factors for the effect's volume v.
+    void insertionGains(float v, float& dry, float& wet) const;
+
     EffectGlobals& globals;
     std::vector<float> outLeft;
     std::vector<float> outRight;

@@ -70,25 +70,15 @@ float SVFilter4Pole1::coefficientForRate(float coefficient48k, float damping, fl
 
 template <bool HighPass>
 void SVFilter4Pole1::processBuffer(const float* in, float* out, float* rest, int frames) {
-    // Every stage sees the same input: the stages run side by side, not chained.
-    const int active = stages > 3.0f ? 4 : stages > 2.0f ? 3 : stages > 1.0f ? 2 : 1;
-    auto s = stage;
-    const float ff = f, qq = q, g = gain;
+    SVFilterLanes lanes = SVFilter4Pole1::lanes(*this, *this, *this, *this);
     for (int i = 0; i < frames; ++i) {
         const float x = in[i];
-        const float h = 0.5f * x;
-        float hp = 0.0f;
-        for (int k = 0; k < active; ++k) {
-            const float low = s[size_t(k)].low + ff * s[size_t(k)].band;
-            hp = h - low - qq * s[size_t(k)].band;
-            s[size_t(k)].band += ff * hp;
-            s[size_t(k)].low = low;
-        }
-        const float y = (HighPass ? hp : s[size_t(active - 1)].low) * g;
+        const sr::simd::f32x4 hp = lanes.step(sr::simd::splat(x));
+        const float y = (HighPass ? hp[0] : lanes.low[0]) * lanes.gain[0];
         out[i] = y;
         if (rest) rest[i] = x - y;
     }
-    stage = s;
+    fromLane(lanes, 0);
 }
 
 void SVFilter4Pole1::processSampleHP(float* x) {
@@ -167,10 +157,26 @@ void BandSplitFilter3::clear() {
 
 void BandSplitFilter3::split(const float* left, const float* right, int frames) {
     const int n = std::clamp(frames, 0, kMaxFrames);
-    hpLeft.processBufferHP(left, highLeft.data(), midLeft.data(), n);
-    hpRight.processBufferHP(right, highRight.data(), midRight.data(), n);
-    lpLeft.processBufferLP(midLeft.data(), lowLeft.data(), midLeft.data(), n);
-    lpRight.processBufferLP(midRight.data(), lowRight.data(), midRight.data(), n);
+    if (n == 0) return;
+    // Both channels and both filters a frame at a time: the filters' recursions run side by
+    // side instead of one after another.
+    Lanes l = lanes();
+    l.start(sr::simd::stereo(left[0], right[0]));
+    for (int i = 0; i < n; ++i) {
+        sr::simd::f32x4 low, middle, high;
+        if (i + 1 < n)
+            l.next(sr::simd::stereo(left[i + 1], right[i + 1]), low, middle, high);
+        else
+            l.finish(low, middle, high);
+        const auto k = size_t(i);
+        highLeft[k] = high[0];
+        highRight[k] = high[1];
+        lowLeft[k] = low[0];
+        lowRight[k] = low[1];
+        midLeft[k] = middle[0];
+        midRight[k] = middle[1];
+    }
+    setLanes(l);
 }
 
 void BandSplitFilter3::mix(float* outLeft, float* outRight, int frames) {

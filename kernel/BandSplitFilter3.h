@@ -5,8 +5,27 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 
 #include "util/Modulator.h"
+#include "util/Simd.h"
+
+// SVFilter4Pole1s run side by side, filter k in lane k, one sample at a time.
+struct SVFilterLanes {
+    sr::simd::f32x4 band{}, low{}, f{}, q{}, gain{};
+
+    // One sample of every lane's filter; returns the high-pass value, `low` holds the
+    // low-pass value (both before the gain). Each stage is driven by h = x / 2; the stages are
+    // not chained and start alike, so they stay alike and one of them stands for all.
+    sr::simd::f32x4 step(sr::simd::f32x4 x) {
+        const sr::simd::f32x4 h = 0.5f * x;
+        const sr::simd::f32x4 lowNext = low + f * band;
+        const sr::simd::f32x4 hp = h - lowNext - q * band;
+        band = band + f * hp;
+        low = lowNext;
+        return hp;
+    }
+};
 
 // A state-variable filter of up to four integrator stages, all driven by the same input.
 class SVFilter4Pole1 {
@@ -41,6 +60,21 @@ public:
     // gives at 48 kHz, limited to where a loop of this damping stays stable.
     static float coefficientForRate(float coefficient48k, float damping, float rate);
 
+    // Four filters side by side, and their state back from the lanes.
+    static SVFilterLanes lanes(const SVFilter4Pole1& a, const SVFilter4Pole1& b,
+                               const SVFilter4Pole1& c, const SVFilter4Pole1& d) {
+        using sr::simd::f32x4;
+        return {f32x4{a.stage[0].band, b.stage[0].band, c.stage[0].band, d.stage[0].band},
+                f32x4{a.stage[0].low, b.stage[0].low, c.stage[0].low, d.stage[0].low},
+                f32x4{a.f, b.f, c.f, d.f}, f32x4{a.q, b.q, c.q, d.q},
+                f32x4{a.gain, b.gain, c.gain, d.gain}};
+    }
+    void fromLane(const SVFilterLanes& lanes, int lane) {
+        // Every stage that runs sees the same input from the same state: they are all this one.
+        for (int k = 0; k < activeStages(); ++k)
+            stage[std::size_t(k)] = {lanes.band[lane], lanes.low[lane]};
+    }
+
 private:
     struct Stage {
         float band = 0.0f;
@@ -48,8 +82,11 @@ private:
     };
     template <bool HighPass>
     void processBuffer(const float* in, float* out, float* rest, int frames);
+    static constexpr int activeStages() {
+        return stages > 3.0f ? 4 : stages > 2.0f ? 3 : stages > 1.0f ? 2 : 1;
+    }
 
-    float stages = 3.0f; // stage k (1-based) runs while stages > k - 1
+    static constexpr float stages = 3.0f; // stage k (1-based) runs while stages > k - 1
     float cleared = 0.0f;
     float sampleRate = 48000.0f;
     float cutoff = 0.5f;
@@ -90,6 +127,59 @@ public:
     float getCutoff2() const { return cutoff2; }
     const SVFilter4Pole1& lowPass(int channel) const { return channel ? lpRight : lpLeft; }
     const SVFilter4Pole1& highPass(int channel) const { return channel ? hpRight : hpLeft; }
+
+    // The four filters for loops that split a frame at a time: the high-pass filters (left,
+    // right) in lanes 0 and 1, the low-pass filters in lanes 2 and 3. The low-pass filters run
+    // one frame behind, on the rest the high-pass filters left at the frame before, so that
+    // all four recursions advance in one vector. Channels in lanes 0 and 1 in and out.
+    struct Lanes {
+        using f32x4 = sr::simd::f32x4;
+        SVFilterLanes filters;
+        f32x4 high{}, rest{}; // of the frame the high-pass filters took last
+
+        // A block's first frame: its high-pass, the low-pass filters wait.
+        void start(f32x4 x) {
+            const SVFilterLanes before = filters;
+            const f32x4 y = filters.step(x) * filters.gain;
+            filters.band = __builtin_shufflevector(filters.band, before.band, 0, 1, 6, 7);
+            filters.low = __builtin_shufflevector(filters.low, before.low, 0, 1, 6, 7);
+            high = y;
+            rest = x - y;
+        }
+        // The next frame x in; out come the bands of the frame before: high = HP(x'), rest =
+        // x' - high; low = LP(rest), middle = rest - low.
+        void next(f32x4 x, f32x4& lowOut, f32x4& middleOut, f32x4& highOut) {
+            const f32x4 in = __builtin_shufflevector(x, rest, 0, 1, 4, 5);
+            const f32x4 hp = filters.step(in);
+            const f32x4 y = __builtin_shufflevector(hp, filters.low, 0, 1, 6, 7) * filters.gain;
+            const f32x4 r = in - y;
+            highOut = high;
+            lowOut = __builtin_shufflevector(y, y, 2, 3, 2, 3);
+            middleOut = __builtin_shufflevector(r, r, 2, 3, 2, 3);
+            high = y;
+            rest = r;
+        }
+        // The block's last frame's bands: its low-pass, the high-pass filters stay.
+        void finish(f32x4& lowOut, f32x4& middleOut, f32x4& highOut) {
+            const SVFilterLanes before = filters;
+            const f32x4 in = __builtin_shufflevector(rest, rest, 0, 1, 0, 1);
+            filters.step(in);
+            const f32x4 y = filters.low * filters.gain;
+            filters.band = __builtin_shufflevector(before.band, filters.band, 0, 1, 6, 7);
+            filters.low = __builtin_shufflevector(before.low, filters.low, 0, 1, 6, 7);
+            const f32x4 r = in - y;
+            highOut = high;
+            lowOut = __builtin_shufflevector(y, y, 2, 3, 2, 3);
+            middleOut = __builtin_shufflevector(r, r, 2, 3, 2, 3);
+        }
+    };
+    Lanes lanes() const { return {SVFilter4Pole1::lanes(hpLeft, hpRight, lpLeft, lpRight)}; }
+    void setLanes(const Lanes& l) {
+        hpLeft.fromLane(l.filters, 0);
+        hpRight.fromLane(l.filters, 1);
+        lpLeft.fromLane(l.filters, 2);
+        lpRight.fromLane(l.filters, 3);
+    }
 
     float gainLow = 1.0f, gainMid = 1.0f, gainHigh = 1.0f;
 

@@ -44,6 +44,7 @@ public:
             queued[c.address].fetch_sub(1, std::memory_order_release);
         })) {
         }
+        if (overflowMask.load(std::memory_order_relaxed) == 0) return;
         std::uint32_t mask = overflowMask.exchange(0, std::memory_order_acq_rel);
         for (std::uint64_t a = 0; mask; ++a, mask >>= 1)
             if (mask & 1u) apply(a, overflowValue[a].load(std::memory_order_relaxed));

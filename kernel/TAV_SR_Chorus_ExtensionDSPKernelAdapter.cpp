@@ -95,7 +95,10 @@ void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUHostTransportStateBlock(
 }
 
 void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyPendingChanges() {
-    if (resetRequested.exchange(false, std::memory_order_acq_rel)) kernel.reset();
+    // Plain loads first: the exchanges are locked instructions, and nearly always unneeded.
+    if (resetRequested.load(std::memory_order_relaxed) &&
+        resetRequested.exchange(false, std::memory_order_acq_rel))
+        kernel.reset();
     pendingChanges.drain(
         [this](std::uint64_t address, float value) { kernel.setParameter(address, value); });
 }

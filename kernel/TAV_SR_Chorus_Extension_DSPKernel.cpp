@@ -195,18 +195,89 @@ void TAV_SR_Chorus_Extension_DSPKernel::process(AUAudioFrameCount frameCount,
 
 void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right, int n) {
     inputGain.process(left, right, n, parameters[sr::kVolumeIn].load(std::memory_order_relaxed));
-    bandSplitter.split(left, right, n);
+    const float mix = parameters[sr::kChorusDryWet].load(std::memory_order_relaxed);
     globals.SOUND_BUFFER_SIZE = n;
-    effectManager->process(bandSplitter.getBPLeft(), bandSplitter.getBPRight());
-    bandSplitter.mix(workLeft.data(), workRight.data(), n);
-
-    const float w = parameters[sr::kChorusDryWet].load(std::memory_order_relaxed);
-    // At 0 the input stays as it is, bit for bit (the chorus still runs so its lines are warm
-    // when the mix opens).
-    if (w != 0.0f) {
-        const float dry = 1.0f - w;
-        for (int i = 0; i < n; ++i) left[i] = workLeft[size_t(i)] * w + left[i] * dry;
-        for (int i = 0; i < n; ++i) right[i] = workRight[size_t(i)] * w + right[i] * dry;
+    float dry, wet;
+    Chorus* chorus = effectManager->insertedChorus(dry, wet);
+    if (onePass && chorus && globals.denormalkillbuf && n <= effectManager->capacity() &&
+        bandSplitter.gainLow == 1.0f && bandSplitter.gainMid == 1.0f &&
+        bandSplitter.gainHigh == 1.0f) {
+        Chorus::Block block = chorus->beginBlock();
+        if (block.nearDelays && mix != 0.0f)
+            processInOnePass<true, true>(left, right, n, block, dry, wet, mix);
+        else if (block.nearDelays)
+            processInOnePass<true, false>(left, right, n, block, dry, wet, mix);
+        else if (mix != 0.0f)
+            processInOnePass<false, true>(left, right, n, block, dry, wet, mix);
+        else
+            processInOnePass<false, false>(left, right, n, block, dry, wet, mix);
+        chorus->endBlock(block);
+    } else {
+        bandSplitter.split(left, right, n);
+        effectManager->process(bandSplitter.getBPLeft(), bandSplitter.getBPRight());
+        bandSplitter.mix(workLeft.data(), workRight.data(), n);
+        // At 0 the input stays as it is, bit for bit (the chorus still runs so its lines are
+        // warm when the mix opens).
+        if (mix != 0.0f) {
+            const float dryMix = 1.0f - mix;
+            for (int i = 0; i < n; ++i) left[i] = workLeft[size_t(i)] * mix + left[i] * dryMix;
+            for (int i = 0; i < n; ++i) right[i] = workRight[size_t(i)] * mix + right[i] * dryMix;
+        }
     }
     outputGain.process(left, right, n, parameters[sr::kVolumeOut].load(std::memory_order_relaxed));
+}
+
+// The slice in one pass. Frame by frame it does what the stages of the other branch of
+// processStereo do one after another over the whole slice, with the same operations in the
+// same order, so the output bits are the same; the band and effect buffers between the stages
+// are left out:
+//   1. band split: high = HP(x), rest = x - high, low = LP(rest), middle = rest - low (the
+//      low-pass runs a frame behind the high-pass, see BandSplitFilter3::Lanes, so a frame's
+//      bands are ready once the next frame is in);
+//   2. the effect manager adds the denormal noise to the middle band;
+//   3. the chorus on the middle band: the delay's glide, the read, the write with cross-feed
+//      and feedback, polarity and panning (Chorus::Block::step);
+//   4. the manager's insertion law: middle = middle x dry + chorus x wet;
+//   5. mix: low, middle and high summed (their gains are 1, as they always are, and x times 1
+//      is x);
+//   6. Chorus Mix: out = sum x mix + input x (1 - mix); at a mix of 0 the input stays.
+template <bool NearDelays, bool MixOpen>
+void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(float* left, float* right, int n,
+                                                         Chorus::Block& block, float dry, float wet,
+                                                         float mix) {
+    using sr::simd::f32x4;
+    // Locals, so that the recursions stay in registers.
+    BandSplitFilter3::Lanes split = bandSplitter.lanes();
+    Chorus::Block chorus = block;
+    Chorus::Block::Taps taps;
+    const float* noise = globals.denormalkillbuf;
+    const float dryMix = 1.0f - mix;
+    f32x4 input = sr::simd::stereo(left[0], right[0]);
+    split.start(input);
+    for (int first = 0; first < n; first += Chorus::Block::Taps::kFrames) {
+        const int count = std::min(n - first, Chorus::Block::Taps::kFrames);
+        chorus.computeTaps<NearDelays>(count, taps); // 3, ahead: where each frame reads
+        for (int k = 0; k < count; ++k) {
+            const int i = first + k;
+            f32x4 low, middle, high, nextInput{};
+            if (i + 1 < n) { // 1
+                nextInput = sr::simd::stereo(left[i + 1], right[i + 1]);
+                split.next(nextInput, low, middle, high);
+            } else {
+                split.finish(low, middle, high);
+            }
+            middle = middle + noise[i];                          // 2
+            const f32x4 chorused = chorus.step(taps, k, middle); // 3
+            middle = middle * dry + chorused * wet;              // 4
+            const f32x4 sum = low + middle + high;               // 5
+            if constexpr (MixOpen) {                             // 6
+                const f32x4 out = sum * mix + input * dryMix;
+                left[i] = out[0];
+                right[i] = out[1];
+            }
+            input = nextInput;
+        }
+    }
+    bandSplitter.setLanes(split);
+    block = chorus;
 }

@@ -10,6 +10,7 @@
 #include <memory>
 #include <vector>
 
+#include "effects/Chorus.h"
 #include "effects/EffectGlobals.h"
 #include "effects/EffectManager.h"
 #include "kernel/BandSplitFilter3.h"
@@ -51,6 +52,10 @@ public:
     void process2(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
     void process(AUAudioFrameCount frameCount, AUAudioFrameCount bufferOffset) override;
 
+    // Whether a stereo slice may run in one pass (the default) or must run its stages one
+    // after another; both give the same bits, and tests compare them.
+    void setOnePass(bool allowed) { onePass = allowed; }
+
     // For inspection and tests.
     EffectManager& getEffectManager() { return *effectManager; }
     const BandSplitFilter3& getBandSplitter() const { return bandSplitter; }
@@ -58,6 +63,9 @@ public:
 
 private:
     void processStereo(float* left, float* right, int frames);
+    template <bool NearDelays, bool MixOpen>
+    void processInOnePass(float* left, float* right, int n, Chorus::Block& chorus, float dry,
+                          float wet, float mix);
     // The band splitter's cutoffs from the stored split points, each limited by the other.
     void applyLowerSplit();
     void applyUpperSplit();
@@ -82,6 +90,7 @@ private:
     GainRamp outputGain;
     std::atomic<bool> bypassed{false};
     bool midiThrough = false; // nothing sets it: MIDI reaches the parameters elsewhere
+    bool onePass = true;
     std::atomic<AUAudioFrameCount> maxFramesToRender{4096};
     // This instance's effect-engine settings and anti-denormal noise.
     EffectGlobals globals;

@@ -14,6 +14,7 @@
 #include "lv2/Features.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
+#include "util/Simd.h"
 
 namespace sr::lv2 {
 
@@ -23,6 +24,12 @@ constexpr const char* kLogPrefix = "TAV SR Chorus (LV2): ";
 
 bool sameBits(float a, float b) {
     return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+std::uint32_t bitsOf(float v) {
+    std::uint32_t bits;
+    std::memcpy(&bits, &v, sizeof bits);
+    return bits;
 }
 
 // The host's largest block, when it says; 0 when it does not.
@@ -47,22 +54,43 @@ constexpr std::uint32_t kNotifyEventBytes = sizeof(LV2_Atom_Event) + sizeof(LV2_
 
 // ---- atom output ---------------------------------------------------------------------------
 
-void Plugin::SequenceWriter::begin(LV2_Atom_Sequence* port) {
-    open = false;
+void Plugin::SequenceWriter::begin(LV2_Atom_Sequence* to) {
+    open = forging = false;
     // The host sets the size to the room it offers; too little for an empty sequence is left
     // alone rather than overrun.
-    if (!port || port->atom.size < sizeof(LV2_Atom_Sequence)) return;
-    lv2_atom_forge_set_buffer(&forge, reinterpret_cast<std::uint8_t*>(port), port->atom.size);
-    open = lv2_atom_forge_sequence_head(&forge, &frame, 0) != 0;
+    if (!to || to->atom.size < sizeof(LV2_Atom_Sequence)) return;
+    // Most calls write nothing: the empty sequence directly, the forge only for an event.
+    port = to;
+    capacity = to->atom.size;
+    to->atom.type = forge.Sequence;
+    to->atom.size = sizeof(LV2_Atom_Sequence_Body);
+    to->body.unit = 0;
+    to->body.pad = 0;
+    open = true;
 }
 
 bool Plugin::SequenceWriter::fits(std::uint32_t eventBytes) const {
-    return open && forge.offset + eventBytes <= forge.size;
+    return open && (forging ? forge.offset : sizeof(LV2_Atom_Sequence)) + eventBytes <= capacity;
+}
+
+std::uint32_t Plugin::SequenceWriter::room() const {
+    if (!open) return 0;
+    const std::uint32_t used = forging ? forge.offset : std::uint32_t(sizeof(LV2_Atom_Sequence));
+    return capacity > used ? capacity - used : 0;
+}
+
+LV2_Atom_Forge& Plugin::SequenceWriter::events() {
+    if (!forging) {
+        lv2_atom_forge_set_buffer(&forge, reinterpret_cast<std::uint8_t*>(port), capacity);
+        lv2_atom_forge_sequence_head(&forge, &frame, 0);
+        forging = true;
+    }
+    return forge;
 }
 
 void Plugin::SequenceWriter::end() {
-    if (open) lv2_atom_forge_pop(&forge, &frame);
-    open = false;
+    if (open && forging) lv2_atom_forge_pop(&forge, &frame);
+    open = forging = false;
 }
 
 // ---- life cycle ----------------------------------------------------------------------------
@@ -108,6 +136,8 @@ Plugin* Plugin::create(double sampleRate, const char* bundlePath,
 Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
                LogChannel::Sink logSink)
     : map(urids), sampleRate(rate), logChannel(std::move(logSink)), mainQueue(logChannel) {
+    controls.fill(&kUnconnectedPort);
+    portBits.fill(bitsOf(kUnconnectedPort));
     if (map) {
         auto id = [this](const char* uri) { return map->map(map->handle, uri); };
         uris.atomSequence = id(LV2_ATOM__Sequence);
@@ -122,6 +152,12 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
         for (const ParameterInfo& p : kParameterTable)
             uris.parameters[p.address] = id(parameterPropertyURI(p.identifier).c_str());
         uris.fullState = id(kFullStateURI);
+        uris.atomFloat = id(LV2_ATOM__Float);
+        uris.uiOn = id(kUiOnURI);
+        uris.uiOff = id(kUiOffURI);
+        uris.inputSamples = id(kInputSamplesURI);
+        uris.sampleRate = id(kSampleRateURI);
+        uris.samples = id(kSamplesURI);
         auto* mutableMap = const_cast<LV2_URID_Map*>(map);
         lv2_atom_forge_init(&midiWriter.forge, mutableMap);
         lv2_atom_forge_init(&notifyWriter.forge, mutableMap);
@@ -145,8 +181,9 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
         });
     unit->allocateRenderResources();
     cycle.prepare(unit->renderBlock(), unit->maximumFramesToRender());
+    cycle.setInputTap(&inputTap);
 
-    AUParameterTree* tree = unit->parameterTree();
+    tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
         parameters[i] = tree->parameterWithAddress(i);
         reported[i] = parameters[i]->value();
@@ -161,7 +198,7 @@ Plugin::~Plugin() {
 
 void Plugin::connectPort(std::uint32_t port, void* data) {
     if (port < kParameterCount) {
-        controls[port] = static_cast<const float*>(data);
+        controls[port] = data ? static_cast<const float*>(data) : &kUnconnectedPort;
         return;
     }
     switch (port) {
@@ -197,13 +234,24 @@ void Plugin::activate() {
 // ---- run -----------------------------------------------------------------------------------
 
 void Plugin::readPorts() {
+    // The usual case, told cheaply: every port holds what it held at the last call.
+    simd::i32x4 differs{};
+    for (std::size_t i = 0; i < kControlSlots; i += 4) {
+        const simd::f32x4 now{*controls[i], *controls[i + 1], *controls[i + 2], *controls[i + 3]};
+        simd::i32x4 nowBits, before;
+        std::memcpy(&nowBits, &now, sizeof now);
+        std::memcpy(&before, &portBits[i], sizeof before);
+        differs |= nowBits ^ before;
+    }
+    if ((differs[0] | differs[1] | differs[2] | differs[3]) == 0) {
+        adoptPorts = false;
+        return;
+    }
     for (std::size_t i = 0; i < kParameterCount; ++i) {
-        if (!controls[i]) continue;
         const float v = *controls[i];
-        if (portSeen[i] && sameBits(v, portValues[i])) continue;
-        portSeen[i] = true;
-        portValues[i] = v;
-        if (adoptPorts) continue;
+        if (bitsOf(v) == portBits[i]) continue;
+        portBits[i] = bitsOf(v);
+        if (adoptPorts || controls[i] == &kUnconnectedPort) continue;
         if (!std::isfinite(v)) {
             LineBuilder<> line;
             line << kLogPrefix << "WARNING: a non-finite value on port '"
@@ -231,30 +279,39 @@ void Plugin::readRequests() {
         if (ev->body.type != uris.atomObject || ev->body.size < sizeof(LV2_Atom_Object_Body))
             continue;
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
+        if (object->body.otype == uris.uiOn) openInputTap();
+        if (object->body.otype == uris.uiOff) inputTap.close();
         if (object->body.otype != uris.patchGet) continue;
         const LV2_Atom* property = nullptr;
         lv2_atom_object_get(object, uris.patchProperty, &property, 0);
         if (!property) {
             reportRequested.fill(true);
+            reportOwed = true;
             continue;
         }
         // One value, when the property is one of ours; anything else is not ours to answer.
         if (property->type != uris.atomURID || property->size < sizeof(LV2_URID)) continue;
         const LV2_URID key = reinterpret_cast<const LV2_Atom_URID*>(property)->body;
         const auto found = std::find(uris.parameters.begin(), uris.parameters.end(), key);
-        if (found != uris.parameters.end())
+        if (found != uris.parameters.end()) {
             reportRequested[std::size_t(found - uris.parameters.begin())] = true;
+            reportOwed = true;
+        }
     }
 }
 
 void Plugin::reportEffectiveValues() {
+    // Nothing to tell while no value changed since all was told and nobody asked.
+    const std::uint64_t changes = tree->valueChangeCount();
+    if (changes == reportedChanges && !reportOwed) return;
+    reportOwed = true; // until every value found room
     for (std::size_t i = 0; i < kParameterCount; ++i) {
         const float value = parameters[i]->value();
         if (!reportRequested[i] && sameBits(value, reported[i])) continue;
         if (notifyWriter.open) {
             // What finds no room is reported next call.
             if (!notifyWriter.fits(kNotifyEventBytes)) return;
-            LV2_Atom_Forge& forge = notifyWriter.forge;
+            LV2_Atom_Forge& forge = notifyWriter.events();
             LV2_Atom_Forge_Frame object;
             lv2_atom_forge_frame_time(&forge, 0);
             lv2_atom_forge_object(&forge, &object, 0, uris.patchSet);
@@ -267,6 +324,8 @@ void Plugin::reportEffectiveValues() {
         reported[i] = value;
         reportRequested[i] = false;
     }
+    reportedChanges = changes;
+    reportOwed = false;
 }
 
 OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes) {
@@ -277,11 +336,58 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
         ++midiDropped;
         return noErr;
     }
-    LV2_Atom_Forge& forge = midiWriter.forge;
+    LV2_Atom_Forge& forge = midiWriter.events();
     lv2_atom_forge_frame_time(&forge, cycle.outputFrame(time));
     lv2_atom_forge_atom(&forge, size, uris.midiEvent);
     lv2_atom_forge_write(&forge, bytes, size);
     return noErr;
+}
+
+void Plugin::openInputTap() {
+    if (!inputTap.isOpen()) {
+        inputTap.open();
+        nextInputSamples = sampleTime + sampleRate / kInputSamplesPerSecond;
+    }
+    inputTapOpenUntil = sampleTime + kUiOnTimeoutSeconds * sampleRate;
+}
+
+void Plugin::sendInputSamples() {
+    if (!inputTap.isOpen()) return;
+    // No editor said it is still there: it may be gone without a word.
+    if (sampleTime > inputTapOpenUntil) {
+        inputTap.close();
+        return;
+    }
+    if (sampleTime < nextInputSamples) return;
+    // On a fixed schedule, so that no second of audio carries more than its share.
+    const double interval = sampleRate / kInputSamplesPerSecond;
+    nextInputSamples += interval;
+    if (nextInputSamples <= sampleTime) nextInputSamples = sampleTime + interval;
+
+    // The event, the object, the rate (a float, padded) and the vector's headers.
+    constexpr std::uint32_t kHeaderBytes =
+        sizeof(LV2_Atom_Event) + sizeof(LV2_Atom_Object_Body) + sizeof(LV2_Atom_Property_Body) + 8 +
+        sizeof(LV2_Atom_Property_Body) + sizeof(LV2_Atom_Vector_Body);
+    const std::uint32_t room = notifyWriter.room();
+    if (room < kHeaderBytes + 8 * sizeof(float)) return;
+    // Whole pairs of samples, so that the padding never takes room the count did not allow.
+    const std::uint32_t fit = (room - kHeaderBytes) / 8 * 2;
+    const std::uint32_t count = std::min({inputTap.available(), fit, kInputSamplesPerMessage});
+    if (count == 0) return;
+    LV2_Atom_Forge& forge = notifyWriter.events();
+    LV2_Atom_Forge_Frame object, vector;
+    lv2_atom_forge_frame_time(&forge, 0);
+    lv2_atom_forge_object(&forge, &object, 0, uris.inputSamples);
+    lv2_atom_forge_key(&forge, uris.sampleRate);
+    lv2_atom_forge_float(&forge, float(sampleRate));
+    lv2_atom_forge_key(&forge, uris.samples);
+    lv2_atom_forge_vector_head(&forge, &vector, sizeof(float), uris.atomFloat);
+    inputTap.take(count, [&forge](const float* samples, std::uint32_t n) {
+        lv2_atom_forge_raw(&forge, samples, n * std::uint32_t(sizeof(float)));
+    });
+    lv2_atom_forge_pop(&forge, &vector);
+    lv2_atom_forge_pad(&forge, count * std::uint32_t(sizeof(float)));
+    lv2_atom_forge_pop(&forge, &object);
 }
 
 void Plugin::reportDrops() {
@@ -325,6 +431,7 @@ void Plugin::run(std::uint32_t frames) {
         audioWarned = true;
         log("WARNING: run() without all four audio ports connected renders nothing");
     }
+    sendInputSamples();
     reportDrops();
     midiWriter.end();
     notifyWriter.end();

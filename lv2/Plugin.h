@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -20,6 +21,7 @@
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "lv2/PluginURIs.h"
 #include "platform/HostRenderCycle.h"
+#include "platform/InputTap.h"
 #include "platform/MainQueue.h"
 #include "platform/PrintQueue.h"
 
@@ -50,6 +52,7 @@ private:
         LV2_URID atomSequence = 0, atomObject = 0, atomString = 0, midiEvent = 0;
         LV2_URID atomURID = 0, patchSet = 0, patchGet = 0, patchProperty = 0, patchValue = 0;
         LV2_URID fullState = 0;
+        LV2_URID atomFloat = 0, uiOn = 0, uiOff = 0, inputSamples = 0, sampleRate = 0, samples = 0;
         // Each parameter's patch:property, by address.
         std::array<LV2_URID, kParameterCount> parameters{};
     };
@@ -57,9 +60,16 @@ private:
     struct SequenceWriter {
         LV2_Atom_Forge forge{};
         LV2_Atom_Forge_Frame frame{};
+        LV2_Atom_Sequence* port = nullptr;
+        std::uint32_t capacity = 0;
         bool open = false;
+        bool forging = false;
         void begin(LV2_Atom_Sequence* port);
         bool fits(std::uint32_t bodyBytes) const;
+        // The forge, after the sequence's head, for the next event.
+        LV2_Atom_Forge& events();
+        // Bytes left for events.
+        std::uint32_t room() const;
         void end();
     };
 
@@ -73,6 +83,10 @@ private:
     void reportEffectiveValues();
     OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);
     void reportDrops();
+    // An editor's uiOn: the tap copies the input, and keeps doing so for a while.
+    void openInputTap();
+    // The input since the last message, when an editor has the tap open and it is time.
+    void sendInputSamples();
 
     const LV2_URID_Map* map;
     URIDs uris;
@@ -83,18 +97,23 @@ private:
     DrainedMainQueue mainQueue;
     std::unique_ptr<TAV_SR_Chorus_Extension_AudioUnit> unit;
     HostRenderCycle cycle;
+    AUParameterTree* tree = nullptr;
     std::array<AUParameter*, kParameterCount> parameters{};
 
-    std::array<const float*, kParameterCount> controls{};
     const float* audioIn[2]{};
     float* audioOut[2]{};
     const LV2_Atom_Sequence* midiIn = nullptr;
     LV2_Atom_Sequence* midiOut = nullptr;
     LV2_Atom_Sequence* notify = nullptr;
 
-    // Control port values as last read, and whether each has been read since instantiation.
-    std::array<float, kParameterCount> portValues{};
-    std::array<bool, kParameterCount> portSeen{};
+    // The control ports, and the bits of each as last read. An unconnected port reads
+    // kUnconnectedPort, whose bits (a NaN no host writes) every port holds before its first
+    // read, so any first value is a change.
+    static constexpr float kUnconnectedPort = std::bit_cast<float>(std::uint32_t(0x7FC5C0DE));
+    // Rounded up to whole groups of four for the comparison; the extra ones stay unconnected.
+    static constexpr std::size_t kControlSlots = (kParameterCount + 3) / 4 * 4;
+    std::array<const float*, kControlSlots> controls;
+    alignas(16) std::array<std::uint32_t, kControlSlots> portBits;
     // The effective values the host and the editor have been told about.
     std::array<float, kParameterCount> reported{};
     // After a restore, the ports' next values are taken as they stand, so the restored state
@@ -102,6 +121,10 @@ private:
     bool adoptPorts = false;
     // Values an editor asked for, reported whether they changed or not.
     std::array<bool, kParameterCount> reportRequested{};
+    // The tree's change count when every value had been reported, and whether a report is
+    // owed regardless (a request, or a notify port that ran out of room).
+    std::uint64_t reportedChanges = ~std::uint64_t(0);
+    bool reportOwed = true;
     bool audioWarned = false;
     // Port changes of the current run(), applied at its first frame.
     std::array<HostParameterChange, kParameterCount> portChanges{};
@@ -113,6 +136,12 @@ private:
     std::uint64_t midiDropped = 0;
     std::uint64_t midiDroppedReported = 0;
     double lastDropReport = -1.0e300;
+
+    // The input for an editor's spectrum, and when (in samples of audio) it stops copying
+    // unless an editor repeats its uiOn, and when the next message is due.
+    InputTap inputTap;
+    double inputTapOpenUntil = 0.0;
+    double nextInputSamples = 0.0;
 };
 
 } // namespace sr::lv2

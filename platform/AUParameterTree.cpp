@@ -129,6 +129,7 @@ bool AUParameter::store(AUValue& v) {
     }
     v = v < min_ ? min_ : (v > max_ ? max_ : v);
     value_.store(v, std::memory_order_relaxed);
+    if (treeValueChanges) treeValueChanges->fetch_add(1, std::memory_order_release);
     return true;
 }
 
@@ -174,6 +175,7 @@ std::vector<AUParameter*> AUParameterGroup::allParameters() const {
 AUParameterTree::AUParameterTree(std::vector<std::unique_ptr<AUParameterNode>> children)
     : AUParameterGroup("", "", std::move(children)) {
     for (AUParameter* p : allParameters()) {
+        p->treeValueChanges = &valueChanges;
         if (p->address() >= byAddress.size()) byAddress.resize(p->address() + 1, nullptr);
         if (!byAddress[p->address()]) byAddress[p->address()] = p;
     }

@@ -140,6 +140,7 @@ public:
     std::string stringFromValue(const AUValue* value) const;
 
 private:
+    friend class AUParameterTree;
     bool store(AUValue& value);
 
     AUParameterAddress address_;
@@ -150,6 +151,8 @@ private:
     std::vector<std::string> valueStrings_;
     std::vector<AUParameterAddress> dependents_;
     std::atomic<AUValue> value_{0.0f};
+    // The tree's count of value changes, when this parameter is in one.
+    std::atomic<std::uint64_t>* treeValueChanges = nullptr;
 };
 
 class AUParameterGroup : public AUParameterNode {
@@ -170,6 +173,9 @@ public:
     explicit AUParameterTree(std::vector<std::unique_ptr<AUParameterNode>> children);
 
     AUParameter* parameterWithAddress(AUParameterAddress address) const;
+    // Any thread: a count that moves on every value set on a parameter of the tree, so a
+    // reader can tell cheaply that nothing changed since it last looked.
+    std::uint64_t valueChangeCount() const { return valueChanges.load(std::memory_order_acquire); }
     AUParameter* parameterWithIdentifier(const std::string& identifier) const;
 
     static std::unique_ptr<AUParameter>
@@ -186,6 +192,7 @@ public:
 
 private:
     std::vector<AUParameter*> byAddress;
+    std::atomic<std::uint64_t> valueChanges{0};
 };
 
 // printf-style formatting of one float with a host-supplied format. Conversions f, g, e and d

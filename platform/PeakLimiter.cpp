@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include "util/Simd.h"
+
 namespace sr {
 
 namespace {
@@ -17,17 +19,28 @@ constexpr double kCeilingInDouble = 1.0 + 0x1p-24;
 constexpr double kSnapDeficit = 1e-6;
 
 // Frames checked together before taking the pass-through path.
-constexpr std::uint32_t kChunk = 32;
+constexpr std::uint32_t kGroup = 8;
 
-bool belowCeiling(float* const* channels, std::uint32_t count, std::uint32_t begin,
-                  std::uint32_t end, float gain) {
-    // Counting instead of breaking early keeps the loop vectorisable; NaN compares false.
-    std::uint32_t good = 0;
-    for (std::uint32_t c = 0; c < count; ++c) {
-        const float* x = channels[c];
-        for (std::uint32_t i = begin; i < end; ++i) good += std::fabs(x[i] * gain) <= 1.0f;
-    }
-    return good == count * (end - begin);
+// The pass-through path for frames [begin, begin + kGroup) of every channel: each sample times
+// the gain, when every product stays within the ceiling (NaN compares false); otherwise nothing
+// is written and false is returned. Channels is the count when known at compile time (stereo,
+// the usual case, then keeps everything in registers), 0 otherwise.
+template <std::uint32_t Channels>
+bool scaleBelowCeiling(float* const* channels, std::uint32_t count, std::uint32_t begin,
+                       simd::f32x4 gain) {
+    if constexpr (Channels != 0) count = Channels;
+    simd::f32x4 scaled[Channels != 0 ? Channels : PeakLimiter::kMaxChannels][2];
+    simd::i32x4 good = simd::splat(-1);
+    for (std::uint32_t c = 0; c < count; ++c)
+        for (std::uint32_t h = 0; h < 2; ++h) {
+            scaled[c][h] = simd::load(channels[c] + begin + 4 * h) * gain;
+            good &= simd::abs(scaled[c][h]) <= 1.0f;
+        }
+    if (!simd::all(good)) return false;
+    for (std::uint32_t c = 0; c < count; ++c)
+        for (std::uint32_t h = 0; h < 2; ++h)
+            simd::store(channels[c] + begin + 4 * h, scaled[c][h]);
+    return true;
 }
 
 } // namespace
@@ -116,18 +129,17 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
     }
     if (count == 0 || frames == 0) return;
 
-    const float g = preGainFactor;
-    for (std::uint32_t begin = 0; begin < frames;) {
-        const std::uint32_t end = std::min(frames, begin + kChunk);
+    const simd::f32x4 g = simd::splat(preGainFactor);
+    for (std::uint32_t begin = 0; begin < frames; begin += kGroup) {
         // The per-frame path gives the same bits for such frames; this is only faster.
-        if (idle() && belowCeiling(used, count, begin, end, g)) {
-            for (std::uint32_t c = 0; c < count; ++c)
-                for (std::uint32_t i = begin; i < end; ++i) used[c][i] *= g;
+        if (begin + kGroup <= frames && idle() &&
+            (count == 2 ? scaleBelowCeiling<2>(used, count, begin, g)
+                        : scaleBelowCeiling<0>(used, count, begin, g))) {
             lastApplied = 1.0;
         } else {
-            for (std::uint32_t i = begin; i < end; ++i) limitFrame(used, count, i);
+            for (std::uint32_t i = begin; i < std::min(frames, begin + kGroup); ++i)
+                limitFrame(used, count, i);
         }
-        begin = end;
     }
     lastGain.store(float(lastApplied), std::memory_order_relaxed);
 }

@@ -60,6 +60,19 @@ private:
     std::vector<std::string> captured;
 };
 
+// Drops what the print queue writes while it lives (the unit's trace lines, the kernel's
+// parameter log), for tests that render a lot and read none of it.
+struct QuietLog {
+    QuietLog() {
+        printQueue().flush();
+        printQueue().setSink([](std::string_view) {});
+    }
+    ~QuietLog() {
+        printQueue().flush();
+        printQueue().setSink(nullptr);
+    }
+};
+
 struct SentMIDI {
     AUEventSampleTime time;
     std::uint8_t cable;

@@ -16,8 +16,10 @@ class FlushDenormals {
 public:
     FlushDenormals() {
 #if defined(__SSE__) || defined(__x86_64__)
+        // Writing the register is slow; most hosts already run their audio threads flushing.
         saved = _mm_getcsr();
-        _mm_setcsr(saved | kFlushToZero | kDenormalsAreZero);
+        if ((saved & (kFlushToZero | kDenormalsAreZero)) != (kFlushToZero | kDenormalsAreZero))
+            _mm_setcsr(saved | kFlushToZero | kDenormalsAreZero);
 #elif defined(__aarch64__)
         __asm__ __volatile__("mrs %0, fpcr" : "=r"(saved));
         __asm__ __volatile__("msr fpcr, %0" ::"r"(saved | kFlushToZeroA64));
@@ -25,7 +27,8 @@ public:
     }
     ~FlushDenormals() {
 #if defined(__SSE__) || defined(__x86_64__)
-        _mm_setcsr(saved);
+        if ((saved & (kFlushToZero | kDenormalsAreZero)) != (kFlushToZero | kDenormalsAreZero))
+            _mm_setcsr(saved);
 #elif defined(__aarch64__)
         __asm__ __volatile__("msr fpcr, %0" ::"r"(saved));
 #endif

@@ -1,7 +1,8 @@
 // The app's JACK process callback allocates nothing: the whole app, its window open on the
 // test's X display (with-xvfb.sh), runs under a JACK server of this test's own for 1000 counted
 // cycles while a second client sends MIDI into it every cycle (controllers bound to controls,
-// which the panel follows, notes, system exclusive). The callback the app registers is
+// which the panel follows, notes, system exclusive) and the cycles copy their input into the tap
+// that the window empties for its spectrum. The callback the app registers is
 // wrapped here, so each of its calls runs inside an allocation counter: what libjack, the
 // engine, the render block and the kernel allocate on that thread during the call is counted.
 #include <gtest/gtest.h>
@@ -11,6 +12,7 @@
 #include <jack/midiport.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
@@ -155,8 +157,14 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
     EXPECT_TRUE(appWindowShown()) << "the app's window is not on the display";
     const long messagesBefore = sender.messages.load();
     counting.store(true, std::memory_order_release);
-    while (countedCycles.load() < 1000 && std::chrono::steady_clock::now() < deadline)
+    // The panel shows the input's spectrum: the cycles copy their input into the tap, which the
+    // window empties on the main loop's turns.
+    EXPECT_TRUE(app.inputTap().isOpen()) << "the window did not open the input tap";
+    std::uint32_t mostWaiting = 0;
+    while (countedCycles.load() < 1000 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(10ms);
+        mostWaiting = std::max(mostWaiting, app.inputTap().available());
+    }
     counting.store(false, std::memory_order_release);
     const long messages = sender.messages.load() - messagesBefore;
 
@@ -167,6 +175,8 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
     EXPECT_EQ(status, 0);
     ASSERT_GE(countedCycles.load(), 1000) << "the app's callback did not run 1000 cycles in 30 s";
     EXPECT_GE(messages, 3000);
+    // 1000 cycles of 64 frames: a tap nobody emptied would hold them all.
+    EXPECT_LT(mostWaiting, 16384u) << "the window did not take the tap's samples";
     EXPECT_EQ(allocations.load(), 0) << "over " << countedCycles.load() << " cycles";
     // The controllers went through the main loop to the parameters: all twelve moved from
     // their defaults to values the sender sent.
@@ -176,8 +186,9 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
          a < sr::kFirstControllerAddress; ++a)
         moved += tree.parameterWithAddress(a)->value() != sr::kParameterTable[a].defaultValue;
     EXPECT_GE(moved, 10);
-    std::printf("process callback: %ld cycles, %ld allocations, %ld MIDI messages in\n",
-                countedCycles.load(), allocations.load(), messages);
+    std::printf("process callback: %ld cycles, %ld allocations, %ld MIDI messages in; at most "
+                "%u samples waiting in the window's input tap\n",
+                countedCycles.load(), allocations.load(), messages, mostWaiting);
     std::filesystem::remove_all(documents);
 }
 

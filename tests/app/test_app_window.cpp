@@ -27,6 +27,9 @@ struct WindowLog {
     int pumpsAfterWake = 0;
     bool presetLoaded = false;
     std::vector<std::string> titles;
+    // The input the window took from the app's tap, and the rate it came at.
+    std::size_t inputSamples = 0;
+    double sampleRate = 0.0;
 };
 
 struct Script {
@@ -49,8 +52,12 @@ public:
             feed = fds[1];
         }
         windowLog.titles.push_back(app.windowTitle());
+        // A panel showing the spectrum opens the input's tap, as the LV2 editor's uiOn does.
+        app.inputTap().open();
+        windowLog.sampleRate = app.sampleRate();
     }
     ~StandInWindow() override {
+        app.inputTap().close();
         ++windowLog.destroyed;
         ::close(events);
         ::close(feed);
@@ -58,6 +65,8 @@ public:
     int eventDescriptor() const override { return events; }
     void pump() override {
         ++windowLog.pumps;
+        windowLog.inputSamples +=
+            app.inputTap().take(InputTap::kCapacity, [](const float*, auto) {});
         char bytes[16];
         if (::read(events, bytes, sizeof bytes) > 0) ++windowLog.pumpsAfterWake;
         if (windowLog.pumps == 3) {
@@ -137,6 +146,9 @@ TEST_F(AppWindowSeam, TheMainLoopPumpsTheWindowAndClosingItQuitsSavingTheState) 
     EXPECT_EQ(windowLog.pumps, 8);
     EXPECT_GE(windowLog.pumpsAfterWake, 1);
     EXPECT_TRUE(windowLog.presetLoaded);
+    // The audio cycles copied their input for the window while it was open.
+    EXPECT_EQ(windowLog.sampleRate, 48000.0);
+    EXPECT_GT(windowLog.inputSamples, 256u);
     const std::vector<std::string> titles = {"TAV SR Chorus", "TAV SR Chorus - Vocal Shimmer",
                                              "TAV SR Chorus - Stage Mix"};
     EXPECT_EQ(windowLog.titles, titles);

@@ -2,11 +2,12 @@
 # The app's window as a player meets it, on an Xvfb display and under a JACK server of the test's
 # own. The window shows the panel (a screenshot: its size and a few pixels), titled with the app
 # and the preset; a drag on the dry/wet knob with xdotool changes the sound (the output played
-# before it is the untouched input, the one after it is not) and the saved state; a controller
-# moves a knob on the panel; a restart shows the restored state and its preset's name; a preset
-# chosen and one saved in the browser name the window; it resizes freely; closing it quits with
-# status 0 and saves the state. A killed window or the X server's end quits with status 1,
-# saving the state; without a reachable display the app runs on headless. Screenshots go to BUILD/test-screenshots/.
+# before it is the untouched input, the one after it is not) and the saved state; the input's
+# spectrum shows behind the split bar while it plays; a controller moves a knob on the panel; a
+# restart shows the restored state and its preset's name; a preset chosen and one saved in the
+# browser name the window; it resizes freely; closing it quits with status 0 and saves the state.
+# A killed window or the X server's end quits with status 1, saving the state; without a
+# reachable display the app runs on headless. Screenshots go to BUILD/test-screenshots/.
 source "$(dirname "$0")/common.sh"
 for tool in Xvfb xdotool xprop xwininfo import convert compare; do
     command -v "$tool" >/dev/null || fail "'$tool' is not installed (scripts/install-deps.sh installs it)"
@@ -87,7 +88,7 @@ click() { xdotool mousemove $((WX + $1)) $((WY + $2)) sleep 0.2 click 1 sleep "$
 "$RENDER" --preset "$SOURCE_DIR/presets/Vocal Shimmer.aupreset" --set kChorusDryWet=0 \
     --save-preset "$WORK/Dry Shimmer.aupreset" >"$WORK/render.log" 2>&1 ||
     { cat "$WORK/render.log" >&2; fail "the renderer could not write the dry preset"; }
-wavtool make "$WORK/in.wav" 48000 float 1.0 0.5
+wavtool make "$WORK/in.wav" 48000 float 2.0 0.5
 
 # ---- the window, the drag, the sound ------------------------------------------------------
 start_app "$WORK/run1.log" --preset "$WORK/Dry Shimmer.aupreset"
@@ -112,9 +113,17 @@ wavtool check "$WORK/before.wav" "$WORK/in.wav" --equal-lsb 20 ||
 # 60 panel units up: Chorus Mix from 0 to 0.3.
 drag_up 935 255 60
 expect_line "unit received parameter : address:16, value:0\.[1-9]"
-"$CLIENT" play sr-chorus "$WORK/in.wav" "$WORK/after.wav" >/dev/null || fail "playing through the app failed"
+"$CLIENT" play sr-chorus "$WORK/in.wav" "$WORK/after.wav" >/dev/null &
+player=$!
+# While it plays, the input's spectrum shows behind the split bar.
+sleep 1
+shot playing
+wait "$player" || fail "playing through the app failed"
 wavtool check "$WORK/after.wav" "$WORK/in.wav" --not-silent --differs ||
     fail "the drag on the dry/wet knob did not change the sound"
+lit=$(differing start playing 54 90 920 72)
+((lit > 500)) || fail "no spectrum behind the split bar while the input played ($lit pixels)"
+echo "ok: the input's spectrum lit $lit pixels of the split bar while it played"
 shot dragged
 moved=$(differing start dragged "${MIX_KNOB[@]}")
 ((moved > 100)) || fail "the dry/wet knob looks the same after the drag ($moved pixels differ)"

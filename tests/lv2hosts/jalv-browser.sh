@@ -87,16 +87,6 @@ at() { xdotool mousemove $((WX + $1)) $((WY + $2)) sleep 0.2 click 1 sleep "${3:
 row() { at 200 $((111 + 24 * $1 + 12)); }
 shot() { import -window root -crop "1024x400+$WX+$WY" "$1"; }
 focus() { xdotool getwindowfocus 2>/dev/null || echo none; }
-# focus_is [!] WINDOW: the keyboard focus is (or is not) on the window within 5 s (jalv handles
-# the editor's events in its idle calls, which a loaded machine delays).
-focus_is() {
-    local i
-    for ((i = 0; i < 50; i++)); do
-        if [ "$1" = "!" ]; then [ "$(focus)" != "$2" ] && return 0; else [ "$(focus)" = "$1" ] && return 0; fi
-        sleep 0.1
-    done
-    return 1
-}
 alive() { kill -0 "$JALV" 2>/dev/null || fail "jalv.gtk3 died: $(cat jalv.err)"; }
 # The plug-in's and the editor's lines, wherever the host puts them (its log, or standard output
 # when it offers none).
@@ -107,14 +97,17 @@ logs() { cat jalv.out jalv.err >log.txt; }
 # button first.
 at 940 59
 alive
-focus_is "$((WINDOW))" || fail "the open browser did not get the keyboard focus"
+focused() { [ "$(focus)" = "$((WINDOW))" ]; }
+unfocused() { ! focused; }
+eventually focused || fail "the open browser did not get the keyboard focus"
 at 904 276
 row 2
-sleep 1
 alive
-logs
-python3 presets.py compare "$FACTORY" log.txt ||
+chosen() { logs && python3 presets.py compare "$FACTORY" log.txt >/dev/null 2>&1; }
+eventually chosen || {
+    python3 presets.py compare "$FACTORY" log.txt
     fail "choosing '$PRESET' did not bring all 29 values to the host's ports"
+}
 shot browser.png
 cp browser.png "$SHOTS/jalv-browser.png"
 # The chosen row is marked in the accent colour.
@@ -128,17 +121,15 @@ sleep 0.6
 shot dialog.png
 cp dialog.png "$SHOTS/jalv-name-dialog.png"
 xdotool key Return
-sleep 1
 alive
-[ -f "$USER_FILE" ] || fail "no user preset at $USER_FILE: $(ls -R "$XDG_DATA_HOME")"
+eventually test -f "$USER_FILE" || fail "no user preset at $USER_FILE: $(ls -R "$XDG_DATA_HOME")"
 python3 presets.py same "$FACTORY" "$USER_FILE" || fail "the saved preset holds other values"
 leftovers=$(find "$XDG_DATA_HOME/tav-sr-chorus/Presets/User" -name '.*' | wc -l)
 [ "$leftovers" -eq 0 ] || fail "temporary files were left in the user folder"
 
 # Close the browser: the keyboard goes back to the host.
 xdotool key Escape
-sleep 0.6
-focus_is ! "$((WINDOW))" || fail "the editor kept the keyboard after the browser closed"
+eventually unfocused || fail "the editor kept the keyboard after the browser closed"
 
 # Change the depth on the panel, then load the user preset back.
 kx=$((WX + 137)) ky=$((WY + 222))
@@ -151,14 +142,20 @@ depth() {
         sed 's/.*value://'
 }
 want=$(python3 presets.py values "$FACTORY" | awk '$1 == 7 {print $2}')
-changed=$(depth)
-awk -v a="$changed" -v b="$want" 'BEGIN { exit !(a - b > 0.1) }' ||
+dragged() {
+    changed=$(depth)
+    awk -v a="$changed" -v b="$want" 'BEGIN { exit !(a - b > 0.1) }'
+}
+eventually dragged ||
     fail "the drag did not change the depth ($changed, preset $want)"
 at 940 59
 row 0 # the user set is shown, as it was left
 alive
-back=$(depth)
-awk -v a="$back" -v b="$want" 'BEGIN { d = a - b; exit !(d < 1e-6 && d > -1e-6) }' ||
+loaded_back() {
+    back=$(depth)
+    awk -v a="$back" -v b="$want" 'BEGIN { d = a - b; exit !(d < 1e-6 && d > -1e-6) }'
+}
+eventually loaded_back ||
     fail "loading '$USER_NAME' back gave depth $back, not $want"
 
 # Delete it: the Delete key asks, Return confirms.
@@ -168,12 +165,12 @@ shot question.png
 cp question.png "$SHOTS/jalv-delete-question.png"
 [ -f "$USER_FILE" ] || fail "the file went before the question was answered"
 xdotool key Return
-sleep 0.6
-[ ! -e "$USER_FILE" ] || fail "the user preset was not deleted after confirming"
-logs
-grep -q "FileViewControllerPresets::alertFileDelete() : Delete action was permitted." log.txt ||
+gone() { [ ! -e "$USER_FILE" ]; }
+eventually gone || fail "the user preset was not deleted after confirming"
+logged() { logs && grep -qF "$1" log.txt; }
+eventually logged "FileViewControllerPresets::alertFileDelete() : Delete action was permitted." ||
     fail "no permission line in the log"
-grep -q "FileTableViewPresets::deleteFile() : The file was removed." log.txt ||
+eventually logged "FileTableViewPresets::deleteFile() : The file was removed." ||
     fail "no removal line in the log"
 ls "$XDG_DATA_HOME/tav-sr-chorus/Presets/Factory/$PRESET.aupreset" >/dev/null ||
     fail "a factory preset went missing"

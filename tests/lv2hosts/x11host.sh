@@ -35,3 +35,14 @@ find_editor() {
     WX=$(xwininfo -id "$WINDOW" | awk '/Absolute upper-left X/ {print $4}')
     WY=$(xwininfo -id "$WINDOW" | awk '/Absolute upper-left Y/ {print $4}')
 }
+
+# eventually CMD...: succeeds as soon as CMD does, trying for up to 10 s. A loaded machine may
+# take its time to deliver input to the editor, draw it and pass values on to the plug-in.
+eventually() {
+    local i
+    for ((i = 0; i < 100; i++)); do
+        "$@" && return 0
+        sleep 0.1
+    done
+    return 1
+}

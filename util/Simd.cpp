@@ -1,0 +1,31 @@
+#include "util/Simd.h"
+
+#include <atomic>
+
+namespace sr::simd {
+
+namespace {
+
+bool hasAvx2() {
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2");
+#else
+    return false;
+#endif
+}
+
+const bool kHasAvx2 = hasAvx2();
+std::atomic<bool> wideAllowed{true};
+
+} // namespace
+
+bool wideVectors() {
+    return kHasAvx2 && wideAllowed.load(std::memory_order_relaxed);
+}
+
+void allowWideVectors(bool allowed) {
+    wideAllowed.store(allowed, std::memory_order_relaxed);
+}
+
+} // namespace sr::simd
