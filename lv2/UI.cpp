@@ -102,7 +102,6 @@ private:
     // The host's port values as it last told us (or we wrote them).
     std::array<float, kParameterCount> hostValues{};
     std::bitset<kParameterCount> hostKnown;
-    std::chrono::steady_clock::time_point nextTimer;
     // The input tap: opened once the window stands, its uiOn repeated while the editor lives.
     bool inputOpened = false;
     std::chrono::steady_clock::time_point nextUiOn;
@@ -117,7 +116,6 @@ UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_U
     controller.viewDidLoad();
     controller.setAudioUnit(&mirror);
     controller.mainQueue().drain(); // connects the panel to the mirror
-    nextTimer = std::chrono::steady_clock::now();
 }
 
 UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host,
@@ -221,21 +219,13 @@ void UI::portEvent(std::uint32_t port, std::uint32_t size, std::uint32_t format,
 }
 
 int UI::idle() {
-    controller.mainQueue().drain();
     const auto now = std::chrono::steady_clock::now();
     if (inputOpened && now >= nextUiOn) {
         send(messages.openInput());
         nextUiOn = now + std::chrono::milliseconds(std::int64_t(kUiOnRepeatSeconds * 1000));
     }
-    if (now >= nextTimer) {
-        controller.onTimer();
-        const auto period = std::chrono::microseconds(
-            std::int64_t(editor::AudioUnitViewController::kTimerInterval * 1e6));
-        nextTimer += period;
-        if (nextTimer < now) nextTimer = now + period;
-    }
-    window->processEvents();
-    return window->closeRequested() ? 1 : 0;
+    window->idle();
+    return window->closeRequested() || window->lost() ? 1 : 0;
 }
 
 namespace {

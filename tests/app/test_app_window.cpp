@@ -33,8 +33,10 @@ struct WindowLog {
 };
 
 struct Script {
-    std::string presetPath;  // loaded through the app at the third turn
-    int closeAfterPumps = 0; // the user closes the window then
+    std::string presetPath;   // loaded through the app at the third turn
+    std::string panelPreset;  // taken by the panel itself at the fifth turn, when given
+    int closeAfterPumps = 0;  // the user closes the window then
+    bool displayLost = false; // ... or the display drops the connection then
 };
 
 WindowLog windowLog;
@@ -72,9 +74,17 @@ public:
             // An event arrives: the next turn comes without waiting for the loop's period.
             [[maybe_unused]] const ssize_t n = ::write(feed, "x", 1);
         }
-        if (windowLog.pumps >= script.closeAfterPumps) closedByUser = true;
+        if (windowLog.pumps == 5 && !script.panelPreset.empty())
+            app.setCurrentPresetFile(script.panelPreset);
+        if (windowLog.pumps >= script.closeAfterPumps) {
+            if (script.displayLost)
+                connectionLost = true;
+            else
+                closedByUser = true;
+        }
     }
     bool closed() const override { return closedByUser; }
+    bool lost() const override { return connectionLost; }
     void presetChanged() override { windowLog.titles.push_back(app.windowTitle()); }
 
 private:
@@ -82,6 +92,7 @@ private:
     int events = -1;
     int feed = -1;
     bool closedByUser = false;
+    bool connectionLost = false;
 };
 
 } // namespace
@@ -119,14 +130,15 @@ protected:
 std::unique_ptr<sr::test::JackServer> AppWindowSeam::server;
 
 TEST_F(AppWindowSeam, TheMainLoopPumpsTheWindowAndClosingItQuitsSavingTheState) {
-    script = {std::string(SR_FACTORY_PRESETS) + "/Vocal Shimmer.aupreset", 8};
+    script = {std::string(SR_FACTORY_PRESETS) + "/Vocal Shimmer.aupreset",
+              "/somewhere/Presets/User/Stage Mix.aupreset", 8};
     Options options;
     options.clientName = "sr-window-app";
     int status = -1;
     {
         App app(options);
         status = app.run();
-        EXPECT_EQ(app.currentPresetName(), "Vocal Shimmer");
+        EXPECT_EQ(app.currentPresetName(), "Stage Mix");
     }
     EXPECT_EQ(status, 0);
     EXPECT_EQ(windowLog.created, 1);
@@ -137,10 +149,29 @@ TEST_F(AppWindowSeam, TheMainLoopPumpsTheWindowAndClosingItQuitsSavingTheState) 
     // The audio cycles copied their input for the window while it was open.
     EXPECT_EQ(windowLog.sampleRate, 48000.0);
     EXPECT_GT(windowLog.inputSamples, 256u);
-    const std::vector<std::string> titles = {"TAV SR Chorus", "TAV SR Chorus - Vocal Shimmer"};
+    const std::vector<std::string> titles = {"TAV SR Chorus", "TAV SR Chorus - Vocal Shimmer",
+                                             "TAV SR Chorus - Stage Mix"};
     EXPECT_EQ(windowLog.titles, titles);
 
     // The state was saved on the way out, the preset named as current.
+    StateFile file((documents / "tav-sr-chorus").string() + "/");
+    const StateFile::Read saved = file.read();
+    ASSERT_EQ(saved.status, StateFile::Read::Loaded) << saved.reason;
+    EXPECT_EQ(saved.state.presetName, "Stage Mix");
+}
+
+TEST_F(AppWindowSeam, ALostDisplayQuitsWithStatus1SavingTheState) {
+    script = {std::string(SR_FACTORY_PRESETS) + "/Vocal Shimmer.aupreset", "", 4, true};
+    Options options;
+    options.clientName = "sr-window-app";
+    int status = -1;
+    {
+        App app(options);
+        status = app.run();
+    }
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(windowLog.pumps, 4);
+    EXPECT_EQ(windowLog.destroyed, 1);
     StateFile file((documents / "tav-sr-chorus").string() + "/");
     const StateFile::Read saved = file.read();
     ASSERT_EQ(saved.status, StateFile::Read::Loaded) << saved.reason;
