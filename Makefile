@@ -32,15 +32,17 @@ validate: build sanitizer-builds
 demo: build
 	@$(BUILD)/cli/sr-chorus-render --demo $(DEMO_DIR)
 
-# The README's pictures of the editor panel, both pages, with a factory preset loaded, and of
-# the preset browser and its New Preset dialog over it (the shipped presets in a documents
-# folder of the build tree).
+# The README's pictures of the editor panel, both pages, with a factory preset loaded and the
+# demo signal's spectrum behind the split bar (the demo is rendered to draw it), and of the
+# preset browser and its New Preset dialog over it (the shipped presets in a documents folder
+# of the build tree).
 DOCS_PRESET = presets/Vocal Shimmer.aupreset
 DOCS_DATA = $(abspath $(BUILD))/docs-data
 docs-panel: build
-	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel.png >/dev/null
-	@$(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" --panel docs/panel-lfo.png \
-		--page lfo >/dev/null
+	@$(BUILD)/cli/sr-chorus-render --demo $(BUILD)/docs-demo --preset "$(DOCS_PRESET)" \
+		--panel docs/panel.png >/dev/null
+	@$(BUILD)/cli/sr-chorus-render --demo $(BUILD)/docs-demo --preset "$(DOCS_PRESET)" \
+		--panel docs/panel-lfo.png --page lfo >/dev/null
 	@rm -rf "$(DOCS_DATA)" && mkdir -p "$(DOCS_DATA)/tav-sr-chorus/Presets/Factory"
 	@cp presets/*.aupreset "$(DOCS_DATA)/tav-sr-chorus/Presets/Factory/"
 	@XDG_DATA_HOME="$(DOCS_DATA)" $(BUILD)/cli/sr-chorus-render --preset "$(DOCS_PRESET)" \

@@ -143,6 +143,14 @@ void App::error(const std::string& message) {
     std::cerr << "sr-chorus: error: " << message << std::endl;
 }
 
+InputTap& App::inputTap() {
+    return engine->inputTap();
+}
+
+double App::sampleRate() const {
+    return engine ? engine->sampleRate() : 0.0;
+}
+
 std::string App::windowTitle() const {
     return presetName.empty() ? kAppName : std::string(kAppName) + " - " + presetName;
 }
@@ -155,12 +163,10 @@ bool App::loadPresetFile(const std::string& path) {
     return true;
 }
 
-bool App::saveUserPreset(const std::string& name) {
-    if (!unit->savePreset(name)) return false;
-    presetName = name;
-    log("saved the user preset '" + name + "'");
+void App::setCurrentPresetFile(const std::string& path) {
+    presetName = std::filesystem::path(path).stem().string();
+    log("the current preset is '" + presetName + "' ('" + path + "')");
     if (window) window->presetChanged();
-    return true;
 }
 
 void App::quit() {
@@ -320,6 +326,10 @@ App::Status App::mainLoop() {
             if (window->closed()) {
                 log("the window was closed; quitting");
                 return kOk;
+            }
+            if (window->lost()) {
+                log("ERROR: the connection to the window's X display was lost; quitting");
+                return kFailed;
             }
         }
     }

@@ -24,7 +24,8 @@ public:
     // Exit statuses of run().
     enum Status : int {
         kOk = 0,
-        kFailed = 1,   // the server went away, the unit could not run, a file was refused
+        kFailed = 1,   // the server or the display went away, the unit could not run, a file
+                       // was refused
         kNoServer = 2, // no JACK client could be opened (as for a wrong command line)
     };
 
@@ -33,8 +34,8 @@ public:
     App(const App&) = delete;
     App& operator=(const App&) = delete;
 
-    // Runs until SIGINT, SIGTERM, SIGHUP, requestQuit(), the window's closing or the server's
-    // end; returns the exit status.
+    // Runs until SIGINT, SIGTERM, SIGHUP, requestQuit(), the window's closing, or the end of
+    // the JACK server or of the window's display; returns the exit status.
     int run();
     // Any thread: ends the main loop as SIGTERM does.
     void requestQuit();
@@ -45,8 +46,10 @@ public:
     std::string currentPresetName() const override { return presetName; }
     std::string windowTitle() const override;
     bool loadPresetFile(const std::string& path) override;
-    bool saveUserPreset(const std::string& name) override;
+    void setCurrentPresetFile(const std::string& path) override;
     void quit() override;
+    InputTap& inputTap() override;
+    double sampleRate() const override;
 
 private:
     void restoreState();

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
+#include "platform/InputTap.h"
 #include "platform/MainQueue.h"
 
 namespace sr::app {
@@ -29,10 +30,16 @@ public:
     // Loads a preset or state file (the browser's choice) and makes it the current preset;
     // false, with the reason logged and nothing changed, when it is refused.
     virtual bool loadPresetFile(const std::string& path) = 0;
-    // Saves the current settings as a user preset of that name and makes it the current one.
-    virtual bool saveUserPreset(const std::string& name) = 0;
+    // The panel loaded, imported or saved this preset file itself (through the parameter
+    // tree): it becomes the current preset, named after the file.
+    virtual void setCurrentPresetFile(const std::string& path) = 0;
     // Ends the main loop after this turn; the state is saved on the way out.
     virtual void quit() = 0;
+    // The input of the app's audio cycles, for the panel's spectrum: open() it while the panel
+    // shows the spectrum, close() it when not, and take() its samples on the main thread; they
+    // come at sampleRate(). The same tap the LV2 plug-in's editor reads through the plug-in.
+    virtual InputTap& inputTap() = 0;
+    virtual double sampleRate() const = 0;
 };
 
 class AppWindow {
@@ -46,6 +53,9 @@ public:
     virtual void pump() = 0;
     // True once the user closed the window: the app quits, saving its state.
     virtual bool closed() const = 0;
+    // True once the display dropped the connection (its server ended, the window was killed):
+    // the app quits as when its JACK server goes away, saving its state.
+    virtual bool lost() const = 0;
     // The current preset changed: the title follows AppContext::windowTitle().
     virtual void presetChanged() = 0;
 };
@@ -55,7 +65,7 @@ public:
 inline constexpr int kMainLoopPeriodMs = 10;
 
 // Made by the window side. Null, with the reason in `whyNot`, when no window can be shown
-// (no display, or a build without the panel).
+// (no display, or one that cannot be reached).
 std::unique_ptr<AppWindow> createAppWindow(AppContext& app, std::string& whyNot);
 
 } // namespace sr::app

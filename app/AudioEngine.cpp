@@ -12,6 +12,7 @@ AudioEngine::AudioEngine(TAV_SR_Chorus_Extension_AudioUnit& audioUnit) : unit(au
         [this](AUEventSampleTime time, std::uint8_t, NSInteger length, const std::uint8_t* bytes) {
             return sendMIDI(time, length, bytes);
         });
+    cycle.setInputTap(&tap);
 }
 
 AudioEngine::~AudioEngine() {

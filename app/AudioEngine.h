@@ -47,6 +47,8 @@ public:
     void serverRateChanged(double sampleRate);
 
     double sampleRate() const { return rate; }
+    // Each cycle's input, copied while a panel has the tap open (AppContext::inputTap()).
+    InputTap& inputTap() { return tap; }
     std::uint32_t periodFrames() const { return period; }
     // The unit renders in calls of at most this many frames: the period, up to the unit's
     // default maximum (longer cycles are cut into calls).
@@ -81,6 +83,7 @@ private:
     double rate = 0.0;
     std::uint32_t period = 0;
 
+    InputTap tap;
     // The audio thread's, handed over with `state`.
     HostRenderCycle cycle;
     MidiOutput* currentMidiOut = nullptr;

@@ -206,7 +206,8 @@ std::string usageText() {
            ".au hold 32-bit float; .flac 24-bit PCM; .ogg Vorbis; .opus; .mp3.\n"
            "\n"
            "  --set ID=VALUE  set a parameter before rendering; ID is an identifier such as\n"
-           "                  kChorusDryWet or an address (see --list); repeatable\n"
+           "                  kChorusDryWet or an address (see --list); repeatable. A split\n"
+           "                  point set prints where the bands cross, at IN's rate\n"
            "  --block N       frames per render call, 1 to " +
            maxBlock + " (default 512); longer blocks\n" +
            "                  are cut into calls of at most " + maxCall + " frames\n" +
@@ -218,7 +219,8 @@ std::string usageText() {
            "  --save-preset FILE  write the settings (preset, then --set) as a preset file\n"
            "  --state-out FILE    write the same settings as the saved state a host keeps\n"
            "  --panel FILE    draw the editor panel for the settings into a PNG (no display\n"
-           "                  needed); with no IN and OUT nothing is rendered\n"
+           "                  needed), with IN's spectrum when it renders; with no IN and\n"
+           "                  OUT nothing is rendered\n"
            "  --panel-size WxH  the image's size in pixels (default 1024x400); the panel\n"
            "                  keeps its proportions, centred\n"
            "  --page main|lfo which page of knobs the panel shows (default main)\n"
@@ -229,7 +231,8 @@ std::string usageText() {
            "                  without it they are not kept\n"
            "  --demo DIR      synthesize a demo, render it with the defaults (and any --set)\n"
            "                  and write DIR/demo-dry.wav, DIR/demo-wet.wav and DIR/panel.png\n"
-           "  --list          list the parameters with their ranges and defaults\n"
+           "  --list          list the parameters with their ranges and defaults (and where\n"
+           "                  the split points' defaults divide the bands at 48 kHz)\n"
            "  --help          show this text\n"
            "\n"
            "Only stereo goes through the chorus; other layouts (up to 8 channels) pass through\n"

@@ -7,6 +7,7 @@
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@
 #include "cli/RenderLog.h"
 #include "cli/SoundFiles.h"
 #include "editor/PanelImage.h"
+#include "editor/SpectrumAnalyzer.h"
+#include "kernel/SplitFrequencies.h"
 #include "platform/AtomicFile.h"
 #include "platform/PrintQueue.h"
 #include "platform/PropertyList.h"
@@ -77,15 +80,37 @@ PropertyList prepareUnit(OfflineRenderer& renderer, const Options& options, Rend
     return unit.fullState().value_or(PropertyList{});
 }
 
-// The editor panel as a host would show it for the unit's current settings.
+// The spectrum of a recording's input (the mean of its first two channels), for the panel.
+class InputSpectrum {
+public:
+    explicit InputSpectrum(double sampleRate) : analyzer(sampleRate) {}
+    void add(const float* interleaved, std::size_t frames, std::uint32_t channels) {
+        mono.resize(frames);
+        const std::uint32_t second = channels > 1 ? 1 : 0;
+        for (std::size_t i = 0; i < frames; ++i)
+            mono[i] = 0.5f * (interleaved[i * channels] + interleaved[i * channels + second]);
+        analyzer.accumulate(mono.data(), frames);
+    }
+    editor::SpectrumAnalyzer analyzer;
+
+private:
+    std::vector<float> mono;
+};
+
+// The editor panel as a host would show it for the unit's current settings at `sampleRate`,
+// with the spectrum of what was rendered when there is one.
 void writePanel(const std::string& path, const Options& options,
-                TAV_SR_Chorus_Extension_AudioUnit& unit, RenderLog& log) {
+                TAV_SR_Chorus_Extension_AudioUnit& unit, RenderLog& log, double sampleRate,
+                const InputSpectrum* spectrum = nullptr) {
     float values[kParameterCount];
     for (std::size_t a = 0; a < kParameterCount; ++a)
         values[a] = unit.parameterTree()->parameterWithAddress(a)->value();
     editor::PanelSnapshot snapshot(values, &log.channel());
     editor::AudioUnitViewController& controller = snapshot.controller();
     controller.pluginView.baseClass.isMainVisible = !options.panelLFOPage;
+    controller.setSampleRate(sampleRate);
+    if (spectrum)
+        controller.showSpectrum(spectrum->analyzer.averageDb(), spectrum->analyzer.binHz());
     if (!options.panelOverlay.empty()) {
         controller.performSegue("showPresets");
         // The preset loaded is marked where the browser lists it under the same name.
@@ -100,6 +125,34 @@ void writePanel(const std::string& path, const Options& options,
         if (options.panelOverlay == "new-preset") controller.alertFileName();
     }
     editor::writePanelPNG(controller, path, options.panelWidth, options.panelHeight);
+}
+
+// "48 kHz", "44.1 kHz".
+std::string kilohertz(double rate) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g kHz", rate / 1000.0);
+    return text;
+}
+
+// Where the split points divide the bands, when a --set moved one: the figures the panel shows.
+void printSplitFrequencies(const Options& options, TAV_SR_Chorus_Extension_AudioUnit& unit,
+                           double sampleRate) {
+    const bool moved = std::any_of(options.settings.begin(), options.settings.end(),
+                                   [](const ParameterSetting& s) {
+                                       return s.parameter->address == kFrequencySplitLP ||
+                                              s.parameter->address == kFrequencySplitHP;
+                                   });
+    if (!moved) return;
+    AUParameterTree* tree = unit.parameterTree();
+    const SplitFrequencies hz =
+        splitFrequencies(tree->parameterWithAddress(kFrequencySplitLP)->value(),
+                         tree->parameterWithAddress(kFrequencySplitHP)->value(), sampleRate);
+    char lower[16], upper[16];
+    formatHz(hz.lower, lower, sizeof lower);
+    formatHz(hz.upper, upper, sizeof upper);
+    std::printf("split points: the bands cross at %s (low/middle) and %s (middle/high) at %s\n",
+                lower, upper, kilohertz(sampleRate).c_str());
+    std::fflush(stdout);
 }
 
 void writeStateFiles(const Options& options, const PropertyList& state, RenderLog& log) {
@@ -124,8 +177,9 @@ int writeStateOnly(const Options& options, RenderLog& log) {
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              {}, log.channel());
     writeStateFiles(options, prepareUnit(renderer, options, log), log);
+    printSplitFrequencies(options, renderer.audioUnit(), DemoSignal::kSampleRate);
     if (!options.panelFile.empty())
-        writePanel(options.panelFile, options, renderer.audioUnit(), log);
+        writePanel(options.panelFile, options, renderer.audioUnit(), log, DemoSignal::kSampleRate);
     return 0;
 }
 
@@ -165,8 +219,9 @@ int renderFile(const Options& options, RenderLog& log) {
     OfflineRenderer renderer(input.sampleRate(), input.channels(), options.blockFrames,
                              midiInput(options, input.sampleRate()), log.channel());
     const PropertyList state = prepareUnit(renderer, options, log);
-    if (!options.panelFile.empty())
-        writePanel(options.panelFile, options, renderer.audioUnit(), log);
+    printSplitFrequencies(options, renderer.audioUnit(), input.sampleRate());
+    std::optional<InputSpectrum> spectrum;
+    if (!options.panelFile.empty()) spectrum.emplace(input.sampleRate());
     OutputFile output(options.output, format, input.sampleRate(), input.channels());
 
     const std::size_t chunk = chunkFrames(options.blockFrames);
@@ -174,6 +229,7 @@ int renderFile(const Options& options, RenderLog& log) {
     ProgressBar progress(input.frames(), input.sampleRate());
     std::int64_t done = 0;
     while (const std::size_t frames = input.read(samples.data(), chunk)) {
+        if (spectrum) spectrum->add(samples.data(), frames, input.channels());
         renderOrThrow(renderer, samples.data(), samples.data(), frames);
         output.write(samples.data(), frames);
         done += std::int64_t(frames);
@@ -182,6 +238,9 @@ int renderFile(const Options& options, RenderLog& log) {
     }
     progress.finish();
     input.close();
+    if (spectrum)
+        writePanel(options.panelFile, options, renderer.audioUnit(), log, input.sampleRate(),
+                   &*spectrum);
     finishMidi(options, renderer);
     writeStateFiles(options, state, log);
     output.commit();
@@ -207,7 +266,10 @@ std::vector<float> renderDemo(const Options& options, const DemoSignal& dry,
     OfflineRenderer renderer(DemoSignal::kSampleRate, DemoSignal::kChannels, options.blockFrames,
                              midiInput(options, DemoSignal::kSampleRate), log.channel());
     const PropertyList state = prepareUnit(renderer, options, log);
-    writePanel(panelPath, options, renderer.audioUnit(), log);
+    printSplitFrequencies(options, renderer.audioUnit(), DemoSignal::kSampleRate);
+    InputSpectrum spectrum(DemoSignal::kSampleRate);
+    spectrum.add(dry.samples.data(), dry.frames(), DemoSignal::kChannels);
+    writePanel(panelPath, options, renderer.audioUnit(), log, DemoSignal::kSampleRate, &spectrum);
     const std::size_t chunk = chunkFrames(options.blockFrames);
     ProgressBar progress(std::int64_t(dry.frames()), DemoSignal::kSampleRate);
     for (std::size_t frame = 0; frame < dry.frames(); frame += chunk) {
@@ -266,11 +328,23 @@ const char* unitName(ParameterUnit unit) {
 int listParameters() {
     std::printf("%7s  %-30s %-24s %6s %6s %8s  %s\n", "address", "identifier", "name", "min", "max",
                 "default", "unit");
-    for (const ParameterInfo& p : kParameterTable)
-        std::printf("%7llu  %-30.*s %-24.*s %6g %6g %8g  %s\n",
+    // The split points' defaults with the frequencies they divide the bands at.
+    const SplitFrequencies hz =
+        splitFrequencies(kParameterTable[kFrequencySplitLP].defaultValue,
+                         kParameterTable[kFrequencySplitHP].defaultValue, DemoSignal::kSampleRate);
+    for (const ParameterInfo& p : kParameterTable) {
+        char crossing[64] = "";
+        if (p.address == kFrequencySplitLP || p.address == kFrequencySplitHP) {
+            char text[16];
+            formatHz(p.address == kFrequencySplitLP ? hz.lower : hz.upper, text, sizeof text);
+            std::snprintf(crossing, sizeof crossing, "  (crosses at %s at %s)", text,
+                          kilohertz(DemoSignal::kSampleRate).c_str());
+        }
+        std::printf("%7llu  %-30.*s %-24.*s %6g %6g %8g  %s%s\n",
                     static_cast<unsigned long long>(p.address), int(p.identifier.size()),
                     p.identifier.data(), int(p.name.size()), p.name.data(), double(p.minValue),
-                    double(p.maxValue), double(p.defaultValue), unitName(p.unit));
+                    double(p.maxValue), double(p.defaultValue), unitName(p.unit), crossing);
+    }
     return 0;
 }
 

@@ -98,6 +98,9 @@ void AudioUnitViewController::onTimer() {
         note("WARNING: The Audio unit is not initialized.");
         return;
     }
+    // A unit in this process says its rate; a mirror's comes with the plug-in's messages.
+    if (const double rate = audioUnit_->sampleRate(); rate > 0.0) setSampleRate(rate);
+    updateSpectrum(kTimerInterval);
     const bool bypass = audioUnit_->shouldBypassEffect();
     if (touchesLocked_) return;
     AUParameterTree* tree = audioUnit_->parameterTree();
@@ -113,6 +116,45 @@ void AudioUnitViewController::onTimer() {
         pluginView.baseClass.isBypassActive = bypass;
         pluginView.setNeedsDisplay();
     }
+}
+
+void AudioUnitViewController::setSampleRate(double rate) {
+    if (!(rate > 0.0) || rate == pluginView.baseClass.sampleRate) return;
+    pluginView.baseClass.sampleRate = rate;
+    pluginView.baseClass.spectrum.clear();
+    analyzer.setSampleRate(rate);
+    pluginView.setNeedsDisplay();
+}
+
+void AudioUnitViewController::takeInput(const float* samples, std::size_t count, double rate) {
+    setSampleRate(rate);
+    if (analyzer.sampleRate() != rate) analyzer.setSampleRate(rate);
+    analyzer.push(samples, count);
+}
+
+void AudioUnitViewController::takeInput(InputTap& tap, double rate) {
+    tap.take(InputTap::kCapacity,
+             [this, rate](const float* samples, std::uint32_t n) { takeInput(samples, n, rate); });
+}
+
+void AudioUnitViewController::updateSpectrum(double seconds) {
+    TAVSRChorusViewBase& panel = pluginView.baseClass;
+    const bool wasVisible = panel.spectrum.visible();
+    if (analyzer.hasNewSamples()) {
+        panel.spectrum.update(analyzer.analyse(), analyzer.binHz(), panel.splitAxis(), seconds);
+        quiet = 0.0;
+    } else if (wasVisible) {
+        // The host stopped sending (transport, a closed tap): after a moment, it fades out.
+        quiet += seconds;
+        if (quiet > 0.2) panel.spectrum.fall(seconds);
+    }
+    if (wasVisible || panel.spectrum.visible()) pluginView.setNeedsDisplay();
+}
+
+void AudioUnitViewController::showSpectrum(const std::vector<float>& binsDb, double binHz) {
+    TAVSRChorusViewBase& panel = pluginView.baseClass;
+    panel.spectrum.update(binsDb, binHz, panel.splitAxis(), 0.0);
+    pluginView.setNeedsDisplay();
 }
 
 AUParameter* AudioUnitViewController::parameter(AUParameterAddress address) const {

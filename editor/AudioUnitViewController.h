@@ -18,8 +18,10 @@
 #include "editor/PanelAlert.h"
 #include "editor/PanelOverlays.h"
 #include "editor/PluginFrameBaseEx.h"
+#include "editor/SpectrumAnalyzer.h"
 #include "editor/TAVSRChorusView.h"
 #include "kernel/ParameterTable.h"
+#include "platform/InputTap.h"
 #include "platform/MainQueue.h"
 #include "platform/PrintQueue.h"
 
@@ -45,7 +47,19 @@ public:
     // Shows the panel; the host then calls onTimer() every kTimerInterval seconds.
     void viewDidLoad();
     void connectParameters();
+    // Refreshes the panel from the unit, and the spectrum from the input that came since.
     void onTimer();
+
+    // The host's sample rate: the split points' frequencies and the spectrum follow it.
+    void setSampleRate(double rate);
+    // Samples of the plug-in's input (the mean of left and right), oldest first, at `rate`;
+    // the spectrum behind the split bar shows them from the next onTimer() on.
+    void takeInput(const float* samples, std::size_t count, double rate);
+    // In-process hosts: what the audio cycles copied into `tap` since the last call (the host
+    // opens the tap while the panel shows and calls this on its UI thread).
+    void takeInput(InputTap& tap, double rate);
+    // For a still picture: a spectrum (dB per bin of `binHz`) shown as it is, without easing.
+    void showSpectrum(const std::vector<float>& binsDb, double binHz);
 
     void setParameter(AUParameterAddress address, AUValue value);
     AUValue getParameter(AUParameterAddress address) const;
@@ -170,6 +184,7 @@ private:
     // "Presets/" with its folders and the shipped presets, once the browser needs them.
     bool ensurePresetFolders();
     void clampPan();
+    void updateSpectrum(double seconds);
 
     LogChannel* logChannel;
     EditorAudioUnit* audioUnit_ = nullptr;
@@ -181,6 +196,9 @@ private:
     std::bitset<kParameterCount> gestures;
     // What the panel was last given of each parameter (NaN: nothing yet).
     std::array<float, kParameterCount> shown{};
+    SpectrumAnalyzer analyzer;
+    // Seconds since input last came, while the spectrum still shows.
+    double quiet = 0.0;
 };
 
 } // namespace sr::editor

@@ -18,6 +18,9 @@ public:
     virtual void endParameterGesture(AUParameterAddress) {}
     // The component the unit is: presets are checked against it and written with it.
     virtual AudioComponentDescription componentDescription() const;
+    // The rate the unit renders at; 0 when the editor cannot ask (a mirror of a unit in another
+    // process, whose editor learns it from the plug-in's messages or the host).
+    virtual double sampleRate() const { return 0.0; }
 };
 
 // How a host writes the plug-in's parameters for a mirror: a value, and the begin and end of a

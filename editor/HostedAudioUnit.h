@@ -24,6 +24,8 @@ public:
     AudioComponentDescription componentDescription() const override {
         return unit.componentDescription();
     }
+    // The rate its busses are set to, which the unit renders at.
+    double sampleRate() const override { return unit.outputBusses()[0].format().sampleRate(); }
 
 private:
     TAV_SR_Chorus_Extension_AudioUnit& unit;

@@ -1,9 +1,11 @@
 #include "editor/TAVSRChorusViewBase.h"
 
+#include <array>
 #include <cmath>
 #include <numbers>
 
 #include "editor/CairoShapes.h"
+#include "kernel/SplitFrequencies.h"
 
 namespace sr::editor {
 
@@ -200,9 +202,116 @@ void TAVSRChorusViewBase::drawBackground(cairo_t* cr) {
     }
 }
 
+const SplitAxis& TAVSRChorusViewBase::splitAxis() {
+    axis.update(valueSplitLP, valueSplitHP, sampleRate);
+    return axis;
+}
+
+void TAVSRChorusViewBase::drawSpectrum(cairo_t* cr) {
+    if (!spectrum.visible()) return;
+    spectrum.follow(splitAxis());
+    constexpr double top = 90, bottom = 161;
+    constexpr int columns = SpectrumDisplay::kColumns;
+    auto y = [](float db) {
+        const double t = (db - SpectrumDisplay::kBottomDb) /
+                         (SpectrumDisplay::kTopDb - SpectrumDisplay::kBottomDb);
+        return bottom - (bottom - top) * std::clamp(t, 0.0, 1.0);
+    };
+    cairo_save(cr);
+    // A plain rectangle clips cheaply; the curves are drawn with bevelled joins, which cost a
+    // fraction of round ones over 920 points.
+    cairo_rectangle(cr, kSplitLeft, top, kSplitWidth, bottom - top);
+    cairo_clip(cr);
+    cairo_set_line_join(cr, CAIRO_LINE_JOIN_BEVEL);
+    // A curve through every other column (the louder of each pair: the columns are smoothed
+    // already, and half the points halve the cost of filling and stroking it).
+    auto curve = [&](auto level) {
+        cairo_move_to(cr, SpectrumDisplay::kLeft, y(level(0)));
+        for (int c = 2; c < columns; c += 2)
+            cairo_line_to(cr, SpectrumDisplay::kLeft + c, y(std::max(level(c - 1), level(c))));
+        cairo_line_to(cr, SpectrumDisplay::kLeft + columns - 1, y(level(columns - 1)));
+    };
+    auto area = [&](auto level, const UIColor& high, const UIColor& foot, const UIColor& edge,
+                    double width) {
+        curve(level);
+        cairo_line_to(cr, SpectrumDisplay::kLeft + columns - 1, bottom + 1);
+        cairo_line_to(cr, SpectrumDisplay::kLeft, bottom + 1);
+        cairo_close_path(cr);
+        cairo_pattern_t* fill = cairo_pattern_create_linear(0, 90, 0, bottom);
+        high.addStop(fill, 0);
+        foot.addStop(fill, 1);
+        cairo_set_source(cr, fill);
+        cairo_fill(cr);
+        cairo_pattern_destroy(fill);
+        // The edge as a ribbon `width` wide around the curve, filled: Cairo fills a polygon
+        // of 1840 points in a fraction of the time it strokes a line of 920.
+        std::array<CGPoint, columns> at;
+        for (int c = 0; c < columns; ++c)
+            at[std::size_t(c)] = {SpectrumDisplay::kLeft + c, y(level(c))};
+        std::array<CGPoint, columns> offset;
+        for (int c = 0; c < columns; ++c) {
+            const CGPoint& a = at[std::size_t(std::max(c - 1, 0))];
+            const CGPoint& b = at[std::size_t(std::min(c + 1, columns - 1))];
+            const double dx = b.x - a.x, dy = b.y - a.y;
+            const double length = std::max(std::hypot(dx, dy), 1e-9);
+            offset[std::size_t(c)] = {-dy / length * width / 2, dx / length * width / 2};
+        }
+        cairo_move_to(cr, at[0].x + offset[0].x, at[0].y + offset[0].y);
+        for (int c = 1; c < columns; ++c)
+            cairo_line_to(cr, at[std::size_t(c)].x + offset[std::size_t(c)].x,
+                          at[std::size_t(c)].y + offset[std::size_t(c)].y);
+        for (int c = columns - 1; c >= 0; --c)
+            cairo_line_to(cr, at[std::size_t(c)].x - offset[std::size_t(c)].x,
+                          at[std::size_t(c)].y - offset[std::size_t(c)].y);
+        cairo_close_path(cr);
+        edge.set(cr);
+        cairo_fill(cr);
+    };
+    // The whole input, quietly; over it the part the chorus gets, in the accent colour.
+    area([this](int c) { return spectrum.input(c); }, colorContrast.withAlpha(0.30),
+         colorContrast.withAlpha(0.04), colorContrast.withAlpha(0.55), 1.0);
+    const UIColor band = colorEmphasize.mixed(UIColor::white(), 0.25);
+    area([this](int c) { return spectrum.band(c); }, band.withAlpha(0.7), band.withAlpha(0.0),
+         band.mixed(UIColor::white(), 0.35), 1.2);
+    cairo_restore(cr);
+}
+
+void TAVSRChorusViewBase::drawSplitFrequencies(cairo_t* cr, double lp, double hp) {
+    const SplitAxis& a = splitAxis();
+    char lower[16], upper[16];
+    formatHz(a.lowerHz(), lower, sizeof lower);
+    formatHz(a.upperHz(), upper, sizeof upper);
+    constexpr double size = 10, height = 12, top = 164, gap = 6, pad = 5;
+    const double w1 = text.measure(lower, PanelFont::condensedBlack, size).width + 2 * pad;
+    const double w2 = text.measure(upper, PanelFont::condensedBlack, size).width + 2 * pad;
+    // Centred under the handles, pushed apart where they would touch, kept on the plate.
+    double c1 = lp, c2 = hp;
+    if (c1 + w1 / 2 + gap > c2 - w2 / 2) {
+        const double middle = (lp + hp) / 2;
+        c1 = middle - gap / 2 - w1 / 2;
+        c2 = middle + gap / 2 + w2 / 2;
+    }
+    const double shift = std::max(0.0, 12 - (c1 - w1 / 2)) - std::max(0.0, c2 + w2 / 2 - 1012);
+    c1 += shift;
+    c2 += shift;
+    for (const auto& [label, centre, width, held] :
+         {std::tuple{lower, c1, w1, isHandleLeftActive}, {upper, c2, w2, isHandleRightActive}}) {
+        const CGRect box{centre - width / 2, top, width, height};
+        roundedRect(cr, box, 3);
+        colorMain.mixed(UIColor::black(), 0.25).set(cr);
+        cairo_fill_preserve(cr);
+        (held ? colorEmphasize : colorContrast.withAlpha(0.5)).set(cr);
+        cairo_set_line_width(cr, held ? 1.0 : 0.5);
+        cairo_stroke(cr);
+        text.drawLine(cr, label, PanelFont::condensedBlack, size, box, TextAlign::center,
+                      held ? colorEmphasize : colorContrast);
+    }
+}
+
 void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     const double lp = splitX(valueSplitLP);
     const double hp = splitX(valueSplitHP);
+    drawSpectrum(cr);
 
     const UIColor emphasis70 = colorEmphasize.withAlpha(0.7);
     // The layer only as large as the bar and its outline.
@@ -228,9 +337,18 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     cairo_paint_with_alpha(cr, 0.7);
     cairo_restore(cr);
 
-    if (hp - lp > 70)
-        text.drawLine(cr, "selective range", PanelFont::helveticaNeue, 11, {lp, 90, hp - lp, 71},
+    if (hp - lp > 70) {
+        const CGRect caption{lp, 90, hp - lp, 71};
+        // Over a spectrum, a soft shade under the caption keeps it legible.
+        if (spectrum.visible())
+            for (const auto& [dx, dy] : {std::pair{0.0, 1.0}, {0.8, 0.0}, {-0.8, 0.0}, {0.0, -0.8}})
+                text.drawLine(
+                    cr, "selective range", PanelFont::helveticaNeue, 11,
+                    {caption.minX() + dx, caption.minY() + dy, caption.width(), caption.height()},
+                    TextAlign::center, UIColor::black().withAlpha(0.45));
+        text.drawLine(cr, "selective range", PanelFont::helveticaNeue, 11, caption,
                       TextAlign::center, UIColor::white());
+    }
 
     heldScaled(cr, {lp, 126}, isHandleLeftActive, [&] {
         drawSymbolHandleLeft(cr, {lp - 13, 126 - 33, 26, 66}, ResizingBehavior::aspectFit);
@@ -238,6 +356,7 @@ void TAVSRChorusViewBase::drawSplitBar(cairo_t* cr) {
     heldScaled(cr, {hp, 127}, isHandleRightActive, [&] {
         drawSymbolHandleRight(cr, {hp - 13, 127 - 33, 26, 66}, ResizingBehavior::aspectFit);
     });
+    drawSplitFrequencies(cr, lp, hp);
 }
 
 // The display's glass, and its text (drawDisplay): the glass is part of the plate.

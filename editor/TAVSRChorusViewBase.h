@@ -15,6 +15,8 @@
 #include "editor/Color.h"
 #include "editor/PanelText.h"
 #include "editor/ResizingBehavior.h"
+#include "editor/SpectrumDisplay.h"
+#include "editor/SplitAxis.h"
 
 namespace sr::editor {
 
@@ -91,6 +93,13 @@ public:
         hotspotKnobLFOTypePath, hotspotControllerLFOTypePath, hotspotKnobLFOStereoPath,
         hotspotControllerLFOStereoPath;
 
+    // The host's sample rate: the split points' frequencies and the spectrum's axis follow it.
+    double sampleRate = 48000.0;
+    // The input's spectrum behind the split bar; nothing shows until it has levels.
+    SpectrumDisplay spectrum;
+    // The bar's frequency axis for the current split values and rate.
+    const SplitAxis& splitAxis();
+
     // Design canvas to view, as the last drawing (or the owner) set it.
     CGSize viewScale{1, 1};
     // Outlines every hotspot over the panel (for finding one's way around the layout).
@@ -134,6 +143,9 @@ public:
 private:
     void drawBackground(cairo_t* cr);
     void drawSplitBar(cairo_t* cr);
+    void drawSpectrum(cairo_t* cr);
+    // Each split point's frequency, under its handle.
+    void drawSplitFrequencies(cairo_t* cr, double lp, double hp);
     void drawPlate(cairo_t* cr);
     void drawTrack(cairo_t* cr);
     void drawDisplayGlass(cairo_t* cr);
@@ -155,6 +167,7 @@ private:
     void heldScaled(cairo_t* cr, CGPoint centre, bool held, Draw draw);
 
     PanelText text;
+    SplitAxis axis;
     // Draws `rect` (user units) with `draw` into an image once per tag, colours, scale and
     // position within a pixel, and paints that image: for what changes only with those.
     void paintLayer(cairo_t* cr, const CGRect& rect, const std::string& tag,

@@ -58,11 +58,12 @@ BandResponse bands(const SplitFilters& s, double hz) {
     return {low, rest - low, high};
 }
 
-// The lowest frequency from 1 Hz up at which `falls` stops being above `stays`.
-template <typename Falls>
-double crossing(const SplitFilters& s, Falls above) {
+// The lowest frequency from `from` (1 Hz unless a lower one is known to be passed) up at which
+// `above` stops being true.
+template <typename Above>
+double crossing(const SplitFilters& s, Above above, double from = 1.0) {
     const double nyquist = s.rate / 2;
-    double lo = 1.0, hi = 1.0;
+    double lo = from, hi = from;
     while (above(bands(s, hi))) {
         if (hi >= nyquist) return nyquist;
         lo = hi;
@@ -76,13 +77,42 @@ double crossing(const SplitFilters& s, Falls above) {
     return std::sqrt(lo * hi);
 }
 
+bool lowAboveMiddle(const BandResponse& b) {
+    return std::abs(b.low) > std::abs(b.middle);
+}
+
+bool middleAboveHigh(const BandResponse& b) {
+    return std::abs(b.middle) > std::abs(b.high);
+}
+
+// A law's table: crossing(i) for each value in turn, each search from the last crossing
+// while the values rise.
+template <typename Filters, typename Above>
+void crossings(const float* values, int count, Filters filtersAt, Above above, double* hz) {
+    double from = 1.0;
+    for (int i = 0; i < count; ++i) {
+        if (i > 0 && values[i] < values[i - 1]) from = 1.0;
+        hz[i] = from = crossing(filtersAt(values[i]), above, from);
+    }
+}
+
 } // namespace
 
 SplitFrequencies splitFrequencies(float lowerValue, float upperValue, double sampleRate) {
     const SplitFilters s = filters(lowerValue, upperValue, sampleRate);
-    return {
-        crossing(s, [](const BandResponse& b) { return std::abs(b.low) > std::abs(b.middle); }),
-        crossing(s, [](const BandResponse& b) { return std::abs(b.middle) > std::abs(b.high); })};
+    return {crossing(s, lowAboveMiddle), crossing(s, middleAboveHigh)};
+}
+
+void lowerCrossings(const float* values, int count, double sampleRate, double* hz) {
+    crossings(
+        values, count, [&](float v) { return filters(v, 1.0f, sampleRate); }, lowAboveMiddle, hz);
+}
+
+void upperCrossings(float lowerValue, const float* values, int count, double sampleRate,
+                    double* hz) {
+    crossings(
+        values, count, [&](float v) { return filters(lowerValue, v, sampleRate); }, middleAboveHigh,
+        hz);
 }
 
 BandResponse bandResponse(float lowerValue, float upperValue, double sampleRate, double hz) {

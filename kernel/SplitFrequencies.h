@@ -18,6 +18,14 @@ struct SplitFrequencies {
 // reach below Nyquist is reported as Nyquist.
 SplitFrequencies splitFrequencies(float lowerValue, float upperValue, double sampleRate);
 
+// Each split point's law, value -> Hz, for `count` values in rising order, written to `hz`:
+// the lower point's crossings (they do not depend on where the upper point is), and the upper
+// point's with the lower one at `lowerValue` (they do). Each search starts from the last
+// crossing, so a table of many values costs a fraction of as many splitFrequencies calls.
+void lowerCrossings(const float* values, int count, double sampleRate, double* hz);
+void upperCrossings(float lowerValue, const float* values, int count, double sampleRate,
+                    double* hz);
+
 // The three bands' responses at one frequency, for a spectrum drawn on the same axis.
 struct BandResponse {
     std::complex<double> low, middle, high;

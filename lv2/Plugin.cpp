@@ -73,6 +73,12 @@ bool Plugin::SequenceWriter::fits(std::uint32_t eventBytes) const {
     return open && (forging ? forge.offset : sizeof(LV2_Atom_Sequence)) + eventBytes <= capacity;
 }
 
+std::uint32_t Plugin::SequenceWriter::room() const {
+    if (!open) return 0;
+    const std::uint32_t used = forging ? forge.offset : std::uint32_t(sizeof(LV2_Atom_Sequence));
+    return capacity > used ? capacity - used : 0;
+}
+
 LV2_Atom_Forge& Plugin::SequenceWriter::events() {
     if (!forging) {
         lv2_atom_forge_set_buffer(&forge, reinterpret_cast<std::uint8_t*>(port), capacity);
@@ -154,6 +160,12 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
         for (const ParameterInfo& p : kParameterTable)
             uris.parameters[p.address] = id(parameterPropertyURI(p.identifier).c_str());
         uris.fullState = id(kFullStateURI);
+        uris.atomFloat = id(LV2_ATOM__Float);
+        uris.uiOn = id(kUiOnURI);
+        uris.uiOff = id(kUiOffURI);
+        uris.inputSamples = id(kInputSamplesURI);
+        uris.sampleRate = id(kSampleRateURI);
+        uris.samples = id(kSamplesURI);
         auto* mutableMap = const_cast<LV2_URID_Map*>(map);
         lv2_atom_forge_init(&midiWriter.forge, mutableMap);
         lv2_atom_forge_init(&notifyWriter.forge, mutableMap);
@@ -177,6 +189,7 @@ Plugin::Plugin(double rate, const LV2_URID_Map* urids, std::uint32_t maxBlock,
         });
     unit->allocateRenderResources();
     cycle.prepare(unit->renderBlock(), unit->maximumFramesToRender());
+    cycle.setInputTap(&inputTap);
 
     tree = unit->parameterTree();
     for (std::size_t i = 0; i < kParameterCount; ++i) {
@@ -295,6 +308,8 @@ void Plugin::readRequests() {
         if (ev->body.type != uris.atomObject || ev->body.size < sizeof(LV2_Atom_Object_Body))
             continue;
         const auto* object = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
+        if (object->body.otype == uris.uiOn) openInputTap();
+        if (object->body.otype == uris.uiOff) inputTap.close();
         if (object->body.otype != uris.patchGet) continue;
         const LV2_Atom* property = nullptr;
         lv2_atom_object_get(object, uris.patchProperty, &property, 0);
@@ -357,6 +372,53 @@ OSStatus Plugin::sendMIDI(AUEventSampleTime time, NSInteger length, const std::u
     return noErr;
 }
 
+void Plugin::openInputTap() {
+    if (!inputTap.isOpen()) {
+        inputTap.open();
+        nextInputSamples = sampleTime + sampleRate / kInputSamplesPerSecond;
+    }
+    inputTapOpenUntil = sampleTime + kUiOnTimeoutSeconds * sampleRate;
+}
+
+void Plugin::sendInputSamples() {
+    if (!inputTap.isOpen()) return;
+    // No editor said it is still there: it may be gone without a word.
+    if (sampleTime > inputTapOpenUntil) {
+        inputTap.close();
+        return;
+    }
+    if (sampleTime < nextInputSamples) return;
+    // On a fixed schedule, so that no second of audio carries more than its share.
+    const double interval = sampleRate / kInputSamplesPerSecond;
+    nextInputSamples += interval;
+    if (nextInputSamples <= sampleTime) nextInputSamples = sampleTime + interval;
+
+    // The event, the object, the rate (a float, padded) and the vector's headers.
+    constexpr std::uint32_t kHeaderBytes =
+        sizeof(LV2_Atom_Event) + sizeof(LV2_Atom_Object_Body) + sizeof(LV2_Atom_Property_Body) + 8 +
+        sizeof(LV2_Atom_Property_Body) + sizeof(LV2_Atom_Vector_Body);
+    const std::uint32_t room = notifyWriter.room();
+    if (room < kHeaderBytes + 8 * sizeof(float)) return;
+    // Whole pairs of samples, so that the padding never takes room the count did not allow.
+    const std::uint32_t fit = (room - kHeaderBytes) / 8 * 2;
+    const std::uint32_t count = std::min({inputTap.available(), fit, kInputSamplesPerMessage});
+    if (count == 0) return;
+    LV2_Atom_Forge& forge = notifyWriter.events();
+    LV2_Atom_Forge_Frame object, vector;
+    lv2_atom_forge_frame_time(&forge, 0);
+    lv2_atom_forge_object(&forge, &object, 0, uris.inputSamples);
+    lv2_atom_forge_key(&forge, uris.sampleRate);
+    lv2_atom_forge_float(&forge, float(sampleRate));
+    lv2_atom_forge_key(&forge, uris.samples);
+    lv2_atom_forge_vector_head(&forge, &vector, sizeof(float), uris.atomFloat);
+    inputTap.take(count, [&forge](const float* samples, std::uint32_t n) {
+        lv2_atom_forge_raw(&forge, samples, n * std::uint32_t(sizeof(float)));
+    });
+    lv2_atom_forge_pop(&forge, &vector);
+    lv2_atom_forge_pad(&forge, count * std::uint32_t(sizeof(float)));
+    lv2_atom_forge_pop(&forge, &object);
+}
+
 void Plugin::reportDrops() {
     // At most once a second of audio, so a host that starves the output is not flooded.
     const std::uint64_t dropped = midiDropped + cycle.midiDropped();
@@ -398,6 +460,7 @@ void Plugin::run(std::uint32_t frames) {
         audioWarned = true;
         log("WARNING: run() without all four audio ports connected renders nothing");
     }
+    sendInputSamples();
     reportDrops();
     midiWriter.end();
     notifyWriter.end();

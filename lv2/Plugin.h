@@ -21,6 +21,7 @@
 #include "audiounit/TAV_SR_Chorus_Extension_AudioUnit.h"
 #include "lv2/PluginURIs.h"
 #include "platform/HostRenderCycle.h"
+#include "platform/InputTap.h"
 #include "platform/MainQueue.h"
 #include "platform/PrintQueue.h"
 
@@ -51,6 +52,7 @@ private:
         LV2_URID atomSequence = 0, atomObject = 0, atomString = 0, midiEvent = 0;
         LV2_URID atomURID = 0, patchSet = 0, patchGet = 0, patchProperty = 0, patchValue = 0;
         LV2_URID fullState = 0;
+        LV2_URID atomFloat = 0, uiOn = 0, uiOff = 0, inputSamples = 0, sampleRate = 0, samples = 0;
         // Each parameter's patch:property, by address.
         std::array<LV2_URID, kParameterCount> parameters{};
     };
@@ -66,6 +68,8 @@ private:
         bool fits(std::uint32_t bodyBytes) const;
         // The forge, after the sequence's head, for the next event.
         LV2_Atom_Forge& events();
+        // Bytes left for events.
+        std::uint32_t room() const;
         void end();
     };
 
@@ -81,6 +85,10 @@ private:
     void reportEffectiveValues();
     OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);
     void reportDrops();
+    // An editor's uiOn: the tap copies the input, and keeps doing so for a while.
+    void openInputTap();
+    // The input since the last message, when an editor has the tap open and it is time.
+    void sendInputSamples();
 
     const LV2_URID_Map* map;
     URIDs uris;
@@ -133,6 +141,12 @@ private:
     std::uint64_t midiDropped = 0;
     std::uint64_t midiDroppedReported = 0;
     double lastDropReport = -1.0e300;
+
+    // The input for an editor's spectrum, and when (in samples of audio) it stops copying
+    // unless an editor repeats its uiOn, and when the next message is due.
+    InputTap inputTap;
+    double inputTapOpenUntil = 0.0;
+    double nextInputSamples = 0.0;
 };
 
 } // namespace sr::lv2

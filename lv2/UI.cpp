@@ -12,6 +12,7 @@
 
 #include <lv2/atom/util.h>
 #include <lv2/options/options.h>
+#include <lv2/parameters/parameters.h>
 #include <lv2/ui/ui.h>
 #include <lv2/urid/urid.h>
 
@@ -48,13 +49,29 @@ float scaleFactor(const LV2_Options_Option* options, LV2_URID_Map* map) {
     return 1.0f;
 }
 
+// The host's param:sampleRate, or 0 when it gives none.
+double hostSampleRate(const LV2_Options_Option* options, LV2_URID_Map* map) {
+    if (!options || !map) return 0.0;
+    const LV2_URID key = map->map(map->handle, LV2_PARAMETERS__sampleRate);
+    const LV2_URID atomFloat = map->map(map->handle, LV2_ATOM__Float);
+    const LV2_URID atomDouble = map->map(map->handle, LV2_ATOM__Double);
+    for (const LV2_Options_Option* o = options; o->key; ++o) {
+        if (o->key != key || !o->value) continue;
+        if (o->type == atomFloat && o->size == sizeof(float))
+            return *static_cast<const float*>(o->value);
+        if (o->type == atomDouble && o->size == sizeof(double))
+            return *static_cast<const double*>(o->value);
+    }
+    return 0.0;
+}
+
 } // namespace
 
 class UI : public editor::ParameterWriter {
 public:
     static UI* create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host,
                       LV2UI_Widget* widget, const LV2_Feature* const* features);
-    ~UI() override = default;
+    ~UI() override;
 
     void portEvent(std::uint32_t port, std::uint32_t size, std::uint32_t format,
                    const void* buffer);
@@ -70,6 +87,8 @@ private:
        const LV2UI_Touch* touch, LogChannel::Sink logSink);
     void note(std::string_view text);
     void touch(AUParameterAddress address, bool grabbed);
+    // An atom message on the plug-in's control input.
+    void send(const LV2_Atom* message);
 
     // First made, last gone: everything below prints on it.
     LogChannel logChannel;
@@ -83,7 +102,9 @@ private:
     // The host's port values as it last told us (or we wrote them).
     std::array<float, kParameterCount> hostValues{};
     std::bitset<kParameterCount> hostKnown;
-    std::chrono::steady_clock::time_point nextTimer;
+    // The input tap: opened once the window stands, its uiOn repeated while the editor lives.
+    bool inputOpened = false;
+    std::chrono::steady_clock::time_point nextUiOn;
 };
 
 UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_URID_Map* map,
@@ -95,7 +116,6 @@ UI::UI(const char* bundlePath, LV2UI_Write_Function w, LV2UI_Controller h, LV2_U
     controller.viewDidLoad();
     controller.setAudioUnit(&mirror);
     controller.mainQueue().drain(); // connects the panel to the mirror
-    nextTimer = std::chrono::steady_clock::now();
 }
 
 UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Controller host,
@@ -129,11 +149,27 @@ UI* UI::create(const char* bundlePath, LV2UI_Write_Function write, LV2UI_Control
         hostResize->ui_resize(hostResize->handle, width, height);
     *widget = reinterpret_cast<LV2UI_Widget>(ui->window->windowId());
 
+    if (const double rate = hostSampleRate(options, map); rate > 0.0)
+        ui->controller.setSampleRate(rate);
     // The plug-in reports every effective value; the host sends the ports' values itself.
-    if (const LV2_Atom* request = ui->messages.requestValues())
-        write(host, kMIDIIn, std::uint32_t(lv2_atom_total_size(request)),
-              ui->messages.eventTransfer(), request);
+    ui->send(ui->messages.requestValues());
+    // And from now on it sends its input for the spectrum.
+    ui->send(ui->messages.openInput());
+    ui->inputOpened = true;
+    ui->nextUiOn = std::chrono::steady_clock::now() +
+                   std::chrono::milliseconds(std::int64_t(kUiOnRepeatSeconds * 1000));
     return ui.release();
+}
+
+UI::~UI() {
+    // The plug-in stops copying its input at once (it would after a while by itself).
+    if (inputOpened) send(messages.closeInput());
+}
+
+void UI::send(const LV2_Atom* message) {
+    if (message)
+        write(host, kMIDIIn, std::uint32_t(lv2_atom_total_size(message)), messages.eventTransfer(),
+              message);
 }
 
 void UI::note(std::string_view text) {
@@ -167,6 +203,10 @@ void UI::portEvent(std::uint32_t port, std::uint32_t size, std::uint32_t format,
         return;
     }
     if (port != kNotify || format == 0 || format != messages.eventTransfer()) return;
+    if (const auto input = messages.inputSamples(buffer, size)) {
+        controller.takeInput(input->samples, input->count, input->sampleRate);
+        return;
+    }
     const std::optional<UIMessages::ParameterValue> reported =
         messages.parameterValue(buffer, size);
     if (!reported) return;
@@ -179,17 +219,13 @@ void UI::portEvent(std::uint32_t port, std::uint32_t size, std::uint32_t format,
 }
 
 int UI::idle() {
-    controller.mainQueue().drain();
     const auto now = std::chrono::steady_clock::now();
-    if (now >= nextTimer) {
-        controller.onTimer();
-        const auto period = std::chrono::microseconds(
-            std::int64_t(editor::AudioUnitViewController::kTimerInterval * 1e6));
-        nextTimer += period;
-        if (nextTimer < now) nextTimer = now + period;
+    if (inputOpened && now >= nextUiOn) {
+        send(messages.openInput());
+        nextUiOn = now + std::chrono::milliseconds(std::int64_t(kUiOnRepeatSeconds * 1000));
     }
-    window->processEvents();
-    return window->closeRequested() ? 1 : 0;
+    window->idle();
+    return window->closeRequested() || window->lost() ? 1 : 0;
 }
 
 namespace {

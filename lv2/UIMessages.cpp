@@ -22,19 +22,52 @@ UIMessages::UIMessages(LV2_URID_Map* map) {
     patchSet = id(LV2_PATCH__Set);
     patchProperty = id(LV2_PATCH__property);
     patchValue = id(LV2_PATCH__value);
+    atomVector = id(LV2_ATOM__Vector);
+    uiOn = id(kUiOnURI);
+    uiOff = id(kUiOffURI);
+    samplesMessage = id(kInputSamplesURI);
+    sampleRateKey = id(kSampleRateURI);
+    samplesKey = id(kSamplesURI);
     for (const ParameterInfo& p : kParameterTable)
         properties[p.address] = id(parameterPropertyURI(p.identifier).c_str());
 }
 
-const LV2_Atom* UIMessages::requestValues() {
+const LV2_Atom* UIMessages::objectOf(LV2_URID otype) {
     if (!available()) return nullptr;
-    // [ a patch:Get ]: no property, so every value.
     auto* atom = reinterpret_cast<LV2_Atom_Object*>(buffer.data());
     atom->atom.type = object;
     atom->atom.size = sizeof(LV2_Atom_Object_Body);
     atom->body.id = 0;
-    atom->body.otype = patchGet;
+    atom->body.otype = otype;
     return &atom->atom;
+}
+
+const LV2_Atom* UIMessages::requestValues() {
+    // [ a patch:Get ]: no property, so every value.
+    return objectOf(patchGet);
+}
+
+std::optional<UIMessages::InputSamples> UIMessages::inputSamples(const void* data,
+                                                                 std::uint32_t size) const {
+    if (!available() || !data || size < sizeof(LV2_Atom_Object)) return std::nullopt;
+    const auto* atom = static_cast<const LV2_Atom_Object*>(data);
+    if (atom->atom.type != object || sizeof(LV2_Atom) + atom->atom.size > size ||
+        atom->atom.size < sizeof(LV2_Atom_Object_Body) || atom->body.otype != samplesMessage)
+        return std::nullopt;
+    const LV2_Atom* rate = nullptr;
+    const LV2_Atom* samples = nullptr;
+    lv2_atom_object_get(atom, sampleRateKey, &rate, samplesKey, &samples, 0);
+    if (!rate || rate->type != atomFloat || rate->size < sizeof(float) || !samples ||
+        samples->type != atomVector || samples->size < sizeof(LV2_Atom_Vector_Body))
+        return std::nullopt;
+    const auto* vector = reinterpret_cast<const LV2_Atom_Vector*>(samples);
+    if (vector->body.child_type != atomFloat || vector->body.child_size != sizeof(float))
+        return std::nullopt;
+    const double sampleRate = reinterpret_cast<const LV2_Atom_Float*>(rate)->body;
+    if (!(sampleRate >= 1000.0 && sampleRate <= 1.0e6)) return std::nullopt;
+    const std::uint32_t count =
+        (samples->size - std::uint32_t(sizeof(LV2_Atom_Vector_Body))) / sizeof(float);
+    return InputSamples{sampleRate, reinterpret_cast<const float*>(vector + 1), count};
 }
 
 std::optional<UIMessages::ParameterValue> UIMessages::parameterValue(const void* data,

@@ -17,6 +17,7 @@
 
 #include "platform/AudioTypes.h"
 #include "platform/HostBlocks.h"
+#include "platform/InputTap.h"
 #include "platform/RenderEventList.h"
 
 namespace sr {
@@ -40,6 +41,9 @@ public:
         for (auto& channel : scratch) channel.assign(maxCall, 0.0f);
     }
     AUAudioFrameCount callFrames() const { return maxCall; }
+    // Where each cycle's input is copied for an editor's spectrum (it copies only while an
+    // editor has it open); null for none. Set while no cycle runs.
+    void setInputTap(InputTap* inputTap) { tap = inputTap; }
 
     // Renders `frames` frames of `input` into `output`, kChannels planar buffers each; inputs
     // and outputs may share memory, and so may the two outputs. `sampleTime` is the cycle's
@@ -52,6 +56,8 @@ public:
                              float* const* output, std::span<const HostParameterChange> changes,
                              ForEachMidi&& forEachMidi) {
         cycleFrames = frames;
+        // Before anything is rendered: the host may hand the same memory for input and output.
+        if (tap) tap->write(input[0], input[1], frames);
         for (std::uint32_t offset = 0; offset < frames;) {
             const std::uint32_t n = std::min<std::uint32_t>(maxCall, frames - offset);
             const AUAudioUnitStatus status =
@@ -139,6 +145,7 @@ private:
     }
 
     AURenderBlock block;
+    InputTap* tap = nullptr;
     AUAudioFrameCount maxCall = 0;
     std::unique_ptr<RenderEventList<>> events;
     std::array<std::vector<float>, kChannels> scratch;

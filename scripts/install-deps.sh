@@ -7,7 +7,7 @@ packages=(
     libgtest-dev libgmock-dev libbenchmark-dev
     lv2-dev liblilv-dev lilv-utils serdi sordi lv2file jalv jackd2 libjack-jackd2-dev xvfb valgrind
     desktop-file-utils
-    libcairo2-dev libpango1.0-dev libx11-dev libxkbcommon-dev
+    libcairo2-dev libpango1.0-dev libx11-dev libxkbcommon-dev libfftw3-dev
     fonts-liberation fonts-dejavu-core fonts-dejavu-extra
     xdotool imagemagick x11-utils x11-xkb-utils
 )

@@ -84,3 +84,54 @@ TEST(EditorMessages, AsksForEveryValueWithAPatchGet) {
 }
 
 } // namespace
+
+namespace {
+
+// An input samples message as the plug-in forges it.
+std::vector<std::uint8_t> inputSamples(Map& map, float rate, const std::vector<float>& samples,
+                                       LV2_URID childType = 0) {
+    std::vector<std::uint8_t> buffer(64 + 4 * samples.size());
+    LV2_Atom_Forge forge;
+    lv2_atom_forge_init(&forge, &map.feature);
+    lv2_atom_forge_set_buffer(&forge, buffer.data(), buffer.size());
+    LV2_Atom_Forge_Frame frame;
+    lv2_atom_forge_object(&forge, &frame, 0, map(sr::lv2::kInputSamplesURI));
+    lv2_atom_forge_key(&forge, map(sr::lv2::kSampleRateURI));
+    lv2_atom_forge_float(&forge, rate);
+    lv2_atom_forge_key(&forge, map(sr::lv2::kSamplesURI));
+    lv2_atom_forge_vector(&forge, sizeof(float), childType ? childType : map(LV2_ATOM__Float),
+                          std::uint32_t(samples.size()), samples.data());
+    lv2_atom_forge_pop(&forge, &frame);
+    return buffer;
+}
+
+} // namespace
+
+TEST(EditorMessages, OpensAndClosesTheInputTapAndReadsItsSamples) {
+    Map map;
+    sr::lv2::UIMessages messages(&map.feature);
+    for (const bool open : {true, false}) {
+        const LV2_Atom* atom = open ? messages.openInput() : messages.closeInput();
+        const char* uri = open ? sr::lv2::kUiOnURI : sr::lv2::kUiOffURI;
+        ASSERT_TRUE(atom);
+        EXPECT_EQ(atom->type, map(LV2_ATOM__Object));
+        EXPECT_EQ(reinterpret_cast<const LV2_Atom_Object*>(atom)->body.otype, map(uri));
+        EXPECT_EQ(atom->size, sizeof(LV2_Atom_Object_Body));
+    }
+    const std::vector<float> samples = {0.5f, -0.25f, 0.125f};
+    auto message = inputSamples(map, 44100.0f, samples);
+    const auto read = messages.inputSamples(message.data(), std::uint32_t(message.size()));
+    ASSERT_TRUE(read);
+    EXPECT_EQ(read->sampleRate, 44100.0);
+    EXPECT_EQ(std::vector<float>(read->samples, read->samples + read->count), samples);
+    // Not a report, and a report is no samples message.
+    EXPECT_FALSE(messages.parameterValue(message.data(), std::uint32_t(message.size())));
+    auto depth = patchSet(map, sr::lv2::parameterPropertyURI("kChorusDepth"), 0.29f);
+    EXPECT_FALSE(messages.inputSamples(depth.data(), std::uint32_t(depth.size())));
+    // Integers instead of floats, a truncated atom, an absurd rate: nothing.
+    auto ints = inputSamples(map, 48000.0f, samples, map(LV2_ATOM__Int));
+    EXPECT_FALSE(messages.inputSamples(ints.data(), std::uint32_t(ints.size())));
+    EXPECT_FALSE(messages.inputSamples(message.data(), 40));
+    auto zero = inputSamples(map, 0.0f, samples);
+    EXPECT_FALSE(messages.inputSamples(zero.data(), std::uint32_t(zero.size())));
+}

@@ -1,5 +1,6 @@
 // The offline renderer end to end: the built tool is run on generated files, and what it writes
 // is read back by a WAV reader of this file's own (or by libsndfile for other containers).
+#include <cairo.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -32,6 +33,7 @@
 #include "audiounit/TAVPreset.h"
 #include "cli/MidiFiles.h"
 #include "kernel/ParameterTable.h"
+#include "kernel/SplitFrequencies.h"
 #include "tests/SmfBytes.h"
 #include "tests/TestFiles.h"
 #include "tests/TestSignals.h"
@@ -335,6 +337,15 @@ TEST(RendererCli, ListShowsEveryParameterAndHelpTheOptions) {
             values[2] >> unit;
         EXPECT_EQ(values, (std::vector<float>{p.minValue, p.maxValue, p.defaultValue})) << line;
         EXPECT_EQ(unit, kUnits[std::size_t(p.unit)]) << line;
+        // The split points' defaults with where they divide the bands, as the panel shows it.
+        if (p.address == sr::kFrequencySplitLP || p.address == sr::kFrequencySplitHP) {
+            const sr::SplitFrequencies hz = sr::splitFrequencies(0.33f, 0.66f, 48000.0);
+            char text[16];
+            sr::formatHz(p.address == sr::kFrequencySplitLP ? hz.lower : hz.upper, text,
+                         sizeof text);
+            EXPECT_TRUE(line.ends_with(std::string("  (crosses at ") + text + " at 48 kHz)"))
+                << line;
+        }
     }
     EXPECT_FALSE(std::getline(lines, line)) << "more than " << std::size(sr::kParameterTable);
 
@@ -682,4 +693,68 @@ TEST(RendererCli, PanelDrawsThePanelForTheSettingsWithoutADisplay) {
         EXPECT_EQ(run.exitCode, 2);
         EXPECT_FALSE(fs::exists(dir / "x.png"));
     }
+}
+
+namespace {
+
+// "split points: ..." as the renderer prints it for these values at this rate.
+std::string splitLine(float lower, float upper, double rate, const char* kilohertz) {
+    const sr::SplitFrequencies hz = sr::splitFrequencies(lower, upper, rate);
+    char a[16], b[16];
+    sr::formatHz(hz.lower, a, sizeof a);
+    sr::formatHz(hz.upper, b, sizeof b);
+    return std::string("split points: the bands cross at ") + a + " (low/middle) and " + b +
+           " (middle/high) at " + kilohertz + "\n";
+}
+
+// The pixels of a PNG's split bar (canvas y 90 to 161 at 1024 x 400).
+std::vector<std::uint32_t> barPixels(const fs::path& png) {
+    cairo_surface_t* s = cairo_image_surface_create_from_png(png.c_str());
+    std::vector<std::uint32_t> out;
+    if (cairo_surface_status(s) == CAIRO_STATUS_SUCCESS) {
+        const auto* data = cairo_image_surface_get_data(s);
+        const int stride = cairo_image_surface_get_stride(s);
+        for (int y = 90; y < 161; ++y)
+            for (int x = 54; x < 974; ++x) {
+                std::uint32_t p;
+                std::memcpy(&p, data + y * stride + 4 * x, 4);
+                out.push_back(p);
+            }
+    }
+    cairo_surface_destroy(s);
+    return out;
+}
+
+} // namespace
+
+TEST(RendererCli, ASplitPointSetPrintsWhereTheBandsCrossAtTheFilesRate) {
+    const fs::path dir = freshDirectory("split");
+    writeAudio(dir / "in.wav", 44100, 2, testSignal(44100, 2, 4410));
+    const ToolRun run =
+        runTool({dir / "in.wav", dir / "out.wav", "--set", "kFrequencySplitLP=0.5"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(run.out, splitLine(0.5f, 0.66f, 44100.0, "44.1 kHz"));
+    // Without a file, at 48 kHz; a preset's points count, and the --set wins.
+    const ToolRun state =
+        runTool({"--preset", std::string(SR_FACTORY_PRESETS) + "/Warm Low Mids.aupreset", "--set",
+                 "kFrequencySplitHP=0.8", "--state-out", dir / "s.plist"});
+    ASSERT_EQ(state.exitCode, 0) << state.err;
+    EXPECT_EQ(state.out, splitLine(0.28f, 0.8f, 48000.0, "48 kHz"));
+}
+
+TEST(RendererCli, APanelOfARenderShowsTheInputsSpectrum) {
+    const fs::path dir = freshDirectory("panel-spectrum");
+    writeAudio(dir / "in.wav", 48000, 2, testSignal(48000, 2, 48000));
+    ASSERT_EQ(runTool({"--panel", dir / "still.png"}).exitCode, 0);
+    const ToolRun run = runTool({dir / "in.wav", dir / "out.wav", "--panel", dir / "render.png"});
+    ASSERT_EQ(run.exitCode, 0) << run.err;
+    EXPECT_EQ(pngSize(dir / "render.png"), (std::pair<std::uint32_t, std::uint32_t>{1024, 400}));
+    const std::vector<std::uint32_t> still = barPixels(dir / "still.png");
+    const std::vector<std::uint32_t> render = barPixels(dir / "render.png");
+    ASSERT_EQ(still.size(), render.size());
+    ASSERT_FALSE(still.empty());
+    std::size_t differ = 0;
+    for (std::size_t i = 0; i < still.size(); ++i) differ += still[i] != render[i];
+    // The spectrum fills a good part of the bar.
+    EXPECT_GT(differ, still.size() / 5) << differ << " of " << still.size();
 }

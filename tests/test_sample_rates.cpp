@@ -6,11 +6,14 @@
 #include <cmath>
 #include <complex>
 #include <filesystem>
+#include <fstream>
+#include <map>
 #include <numbers>
 #include <string>
 #include <vector>
 
 #include "audiounit/TAVPreset.h"
+#include "editor/SplitAxis.h"
 #include "effects/Chorus.h"
 #include "kernel/BandSplitFilter3.h"
 #include "kernel/ParameterTable.h"
@@ -154,19 +157,52 @@ TEST(SampleRates, DefaultSplitCrossings) {
 }
 
 // The figures the panel and the tools show are computed from the filters' coefficients; they
-// must be where an impulse through the splitter actually shows the bands crossing.
+// must be where an impulse through the splitter actually shows the bands crossing. So must the
+// split bar's axis at each handle (where the panel prints them), and each point's law as the
+// axis tabulates it.
 TEST(SplitFrequencies, ComputedCrossingsAreTheMeasuredOnes) {
+    sr::editor::SplitAxis axis;
     for (const SplitPoints& points : defaultsAndFactoryPresets())
         for (double rate : {44100.0, 48000.0, 96000.0}) {
             const BandResponses measured(points, rate);
+            const double lower = measured.crossing(measured.low, measured.middle);
+            const double upper = measured.crossing(measured.middle, measured.high);
             const sr::SplitFrequencies computed =
                 sr::splitFrequencies(points.lower, points.upper, rate);
-            SCOPED_TRACE(testing::Message() << points.name << " at " << rate << " Hz");
-            EXPECT_NEAR(computed.lower, measured.crossing(measured.low, measured.middle),
-                        0.002 * computed.lower);
-            EXPECT_NEAR(computed.upper, measured.crossing(measured.middle, measured.high),
-                        0.002 * computed.upper);
+            SCOPED_TRACE(testing::Message() << points.name << " at " << rate << " Hz: " << lower
+                                            << " / " << upper << " Hz");
+            EXPECT_NEAR(computed.lower, lower, 0.002 * lower);
+            EXPECT_NEAR(computed.upper, upper, 0.002 * upper);
+            axis.update(points.lower, points.upper, rate);
+            EXPECT_NEAR(axis.hz(points.lower), lower, 0.002 * lower);
+            EXPECT_NEAR(axis.hz(points.upper), upper, 0.002 * upper);
+            const float value[] = {points.lower, points.upper};
+            double lowerLaw[2], upperLaw[2];
+            sr::lowerCrossings(value, 2, rate, lowerLaw);
+            sr::upperCrossings(points.lower, value, 2, rate, upperLaw);
+            EXPECT_NEAR(lowerLaw[0], computed.lower, 1e-9 * computed.lower);
+            EXPECT_NEAR(upperLaw[1], computed.upper, 1e-9 * computed.upper);
         }
+}
+
+// The README describes each factory preset by the range it choruses: the crossings at 48 kHz,
+// in the panel's own words ("173 Hz to 2.28 kHz").
+TEST(SplitFrequencies, TheReadmeQuotesEachPresetsComputedRange) {
+    std::ifstream file(fs::path(SR_FACTORY_PRESETS) / ".." / "README.md");
+    ASSERT_TRUE(file);
+    std::map<std::string, std::string> lines;
+    for (std::string line; std::getline(file, line);)
+        if (line.starts_with("- **")) lines[line.substr(4, line.find("**", 4) - 4)] = line;
+    for (const SplitPoints& points : defaultsAndFactoryPresets()) {
+        if (points.name == "defaults") continue;
+        const sr::SplitFrequencies hz = sr::splitFrequencies(points.lower, points.upper, 48000.0);
+        char lower[16], upper[16];
+        sr::formatHz(hz.lower, lower, sizeof lower);
+        sr::formatHz(hz.upper, upper, sizeof upper);
+        ASSERT_TRUE(lines.count(points.name)) << points.name << " is not in the README";
+        EXPECT_NE(lines[points.name].find(std::string(lower) + " to " + upper), std::string::npos)
+            << lines[points.name] << "\n  should say " << lower << " to " << upper;
+    }
 }
 
 TEST(SplitFrequencies, EdgesAndText) {

@@ -46,6 +46,7 @@ constexpr Library kLibraries[] = {
     {"libpango-1.0", "lays out the editor's text", "text layout", kUi},
     {"libgobject-2.0", "releases the text layouts (Pango's objects)", "Pango objects", kUi},
     {"libxkbcommon", "names the text a key types into the editor's dialogs", "typed text", kUi},
+    {"libfftw3f", "transforms the input for the spectrum behind the split bar", "FFT", kUi},
 };
 
 // Calls that start a process: a plug-in in a host's address space must never do that (a

@@ -6,9 +6,11 @@
 #include <X11/keysym.h>
 #include <cairo-xlib.h>
 #include <cairo.h>
+#include <poll.h>
 #include <xkbcommon/xkbcommon.h>
 
 #include <algorithm>
+#include <cstdlib>
 
 #include "platform/PrintQueue.h"
 
@@ -104,13 +106,21 @@ editor::PanelKeyEvent translateKey(XKeyEvent& event) {
 } // namespace
 
 PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t parent, int w, int h,
-                         const std::string& title)
-    : controller(c), input(c), width_(std::max(w, 1)), height_(std::max(h, 1)) {
-    display = XOpenDisplay(nullptr);
-    if (!display) {
-        error_ = "cannot open the X display (is DISPLAY set?)";
+                         const std::string& title, const std::string& windowClass)
+    : controller(c), input(c), width_(std::max(w, 1)), height_(std::max(h, 1)),
+      nextTimer(std::chrono::steady_clock::now()) {
+    const char* name = std::getenv("DISPLAY");
+    if (!name || !*name) {
+        error_ = "no X display (DISPLAY is not set)";
         return;
     }
+    display = XOpenDisplay(nullptr);
+    if (!display) {
+        error_ = std::string("cannot open the X display '") + name + "'";
+        return;
+    }
+    // Xlib would end the process when the server drops the connection; only the window ends.
+    XSetIOErrorExitHandler(display, connectionLost, this);
     const int screen = DefaultScreen(display);
     const Window container = parent ? asWindow(parent) : RootWindow(display, screen);
     // The window takes its parent's visual and depth, so the parent may use any.
@@ -153,7 +163,23 @@ PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t pare
         parentWindow = parent;
         XSelectInput(display, asWindow(parent), StructureNotifyMask);
     } else {
-        XStoreName(display, created, title.c_str());
+        setTitle(title);
+        if (!windowClass.empty()) {
+            XClassHint* classHint = XAllocClassHint();
+            std::string instance = windowClass;
+            std::string className = windowClass;
+            classHint->res_name = instance.data();
+            classHint->res_class = className.data();
+            XSetClassHint(display, created, classHint);
+            XFree(classHint);
+        }
+        // It takes typed keys: a window manager gives it the keyboard focus.
+        XWMHints* wmHints = XAllocWMHints();
+        wmHints->flags = InputHint | StateHint;
+        wmHints->input = True;
+        wmHints->initial_state = NormalState;
+        XSetWMHints(display, created, wmHints);
+        XFree(wmHints);
         Atom atom = XInternAtom(display, "WM_DELETE_WINDOW", False);
         deleteAtom = atom;
         XSetWMProtocols(display, created, &atom, 1);
@@ -172,6 +198,9 @@ PanelWindow::PanelWindow(editor::AudioUnitViewController& c, std::uintptr_t pare
 
 PanelWindow::~PanelWindow() {
     if (!display) return;
+    // Freeing anything of a dropped connection (the surface, the display) would talk to it and
+    // run into Xlib's error path again: it is left as it is, once.
+    if (lost_) return;
     releaseBackBuffer();
     for (std::uintptr_t cursor : cursors)
         if (cursor) XFreeCursor(display, Cursor(cursor));
@@ -181,11 +210,51 @@ PanelWindow::~PanelWindow() {
 }
 
 int PanelWindow::connectionNumber() const {
-    return display ? ConnectionNumber(display) : -1;
+    // A dropped connection stays readable (at its end) and would wake a poll at once, forever.
+    return display && !lost_ ? ConnectionNumber(display) : -1;
+}
+
+void PanelWindow::connectionLost(Display*, void* self) {
+    static_cast<PanelWindow*>(self)->lost_ = true;
+}
+
+void PanelWindow::setTitle(const std::string& title) {
+    if (!ok() || lost_) return;
+    const Window w = asWindow(window);
+    // Window managers read the UTF-8 name; WM_NAME holds it as Latin-1 text where it can, as
+    // compound text where not, for the tools and window managers that read only that.
+    const Atom utf8 = XInternAtom(display, "UTF8_STRING", False);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(title.data());
+    for (const char* property : {"_NET_WM_NAME", "_NET_WM_ICON_NAME"})
+        XChangeProperty(display, w, XInternAtom(display, property, False), utf8, 8, PropModeReplace,
+                        bytes, int(title.size()));
+    std::string copy = title;
+    char* list[] = {copy.data()};
+    XTextProperty text{};
+    if (Xutf8TextListToTextProperty(display, list, 1, XStdICCTextStyle, &text) >= Success) {
+        XSetWMName(display, w, &text);
+        XSetWMIconName(display, w, &text);
+        XFree(text.value);
+    }
+    XFlush(display);
+}
+
+void PanelWindow::idle() {
+    if (!ok() || lost_) return;
+    controller.mainQueue().drain();
+    const auto now = std::chrono::steady_clock::now();
+    if (now >= nextTimer) {
+        controller.onTimer();
+        const auto period = std::chrono::microseconds(
+            std::int64_t(editor::AudioUnitViewController::kTimerInterval * 1e6));
+        nextTimer += period;
+        if (nextTimer < now) nextTimer = now + period;
+    }
+    processEvents();
 }
 
 void PanelWindow::resize(int w, int h) {
-    if (!ok()) return;
+    if (!ok() || lost_) return;
     XResizeWindow(display, asWindow(window), unsigned(std::max(w, 1)), unsigned(std::max(h, 1)));
     XFlush(display);
 }
@@ -317,10 +386,25 @@ void PanelWindow::handle(const void* raw) {
     }
 }
 
+bool PanelWindow::connectionClosed() const {
+    // The server's hang-up shows at once, also behind events not read yet.
+    pollfd connection{ConnectionNumber(display), POLLRDHUP, 0};
+    return ::poll(&connection, 1, 0) > 0 &&
+           (connection.revents & (POLLRDHUP | POLLHUP | POLLERR | POLLNVAL));
+}
+
 int PanelWindow::processEvents() {
-    if (!ok()) return 0;
+    if (!ok() || lost_) return 0;
+    // The server's hang-up seen before Xlib meets it (a server that ended): nothing more is
+    // sent. Met inside an Xlib call instead (events that came before it), it reaches
+    // connectionLost() through Xlib's error path.
+    if (connectionClosed()) {
+        lost_ = true;
+        input.grabLost();
+        return 0;
+    }
     int handled = 0;
-    while (XPending(display)) {
+    while (!lost_ && XPending(display)) {
         XEvent event;
         XNextEvent(display, &event);
         // Of a run of motion events only the last one matters (never one past a release).
@@ -332,6 +416,10 @@ int PanelWindow::processEvents() {
         }
         handle(&event);
         ++handled;
+    }
+    if (lost_) {
+        input.grabLost();
+        return handled;
     }
     if (focusTaken && !input.wantsKeyboard()) releaseFocus();
     if (mapped && (sizeChanged || controller.pluginView.isDirty())) redraw();

@@ -4,9 +4,12 @@
 // top-level (the standalone app). Nothing runs by itself: the owner calls processEvents() when the
 // display connection has input (connectionNumber()) or on its idle tick, never in a busy loop.
 // Each window has its own display connection, so several windows in one process are
-// independent. Threading: one thread, the owner's.
+// independent. A connection the X server drops (the server ended, the window was killed) ends
+// nothing but the window: lost() turns true and every call does nothing from then on.
+// Threading: one thread, the owner's.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -24,9 +27,11 @@ public:
     static constexpr int kMinimumWidth = 256;
     static constexpr int kMinimumHeight = 100;
 
-    // `parent` 0 makes a top-level window titled `title`. After construction check ok().
+    // `parent` 0 makes a top-level window titled `title` (UTF-8), of the window class
+    // `windowClass` when one is given (what desktop files match it by). After construction
+    // check ok().
     PanelWindow(editor::AudioUnitViewController& controller, std::uintptr_t parent, int width,
-                int height, const std::string& title);
+                int height, const std::string& title, const std::string& windowClass = {});
     ~PanelWindow();
     PanelWindow(const PanelWindow&) = delete;
     PanelWindow& operator=(const PanelWindow&) = delete;
@@ -34,15 +39,23 @@ public:
     bool ok() const { return window != 0; }
     const std::string& error() const { return error_; }
     std::uintptr_t windowId() const { return window; }
-    // The display connection's file descriptor, for a poll() of the owner's.
+    // The display connection's file descriptor, for a poll() of the owner's; -1 once lost.
     int connectionNumber() const;
+    // The X server dropped the connection.
+    bool lost() const { return lost_; }
     int width() const { return width_; }
     int height() const { return height_; }
 
     // Handles every pending event without waiting, then draws what changed. Returns how many
     // events it handled.
     int processEvents();
+    // One turn of the owner's loop: the controller's main queue (values the unit changed), its
+    // poll of the unit when kTimerInterval has passed since the last one, then processEvents().
+    // Called often enough (the LV2 host's idle calls, the app's main loop), it never waits.
+    void idle();
     void resize(int width, int height);
+    // A top-level window's title, in UTF-8.
+    void setTitle(const std::string& title);
     // A top-level window's close button was pressed.
     bool closeRequested() const { return closeRequested_; }
     // Back-buffer redraws so far (for tests of what an idle window does).
@@ -61,6 +74,9 @@ private:
     void takeFocus(unsigned long time);
     void releaseFocus();
     bool isAncestor(std::uintptr_t candidate) const;
+    static void connectionLost(Display* display, void* self);
+    // The server closed the connection (seen on the socket, without Xlib).
+    bool connectionClosed() const;
 
     editor::AudioUnitViewController& controller;
     editor::PanelInput input;
@@ -83,6 +99,8 @@ private:
     std::uintptr_t deleteAtom = 0;
     bool closeRequested_ = false;
     bool mapped = false;
+    bool lost_ = false;
+    std::chrono::steady_clock::time_point nextTimer;
     std::uint64_t redraws_ = 0;
     std::string error_;
 };

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include <lv2/atom/forge.h>
+#include <lv2/atom/util.h>
 #include <lv2/core/lv2.h>
 #include <lv2/midi/midi.h>
 #include <lv2/patch/patch.h>
@@ -72,6 +73,10 @@ TEST(PluginAllocation, RunAllocatesNothing) {
     lv2_atom_forge_init(&forge, &map);
     const LV2_URID midiEvent = map.map(map.handle, LV2_MIDI__MidiEvent);
     const LV2_URID request = map.map(map.handle, LV2_PATCH__Get);
+    const LV2_URID uiOn = map.map(map.handle, sr::lv2::kUiOnURI);
+    const LV2_URID inputSamples = map.map(map.handle, sr::lv2::kInputSamplesURI);
+    const LV2_URID object = map.map(map.handle, LV2_ATOM__Object);
+    long samplesMessages = 0;
     auto fillInput = [&](int call, std::uint32_t frames) {
         LV2_Atom_Forge_Frame sequence;
         lv2_atom_forge_set_buffer(&forge, midiIn, sizeof midiIn);
@@ -91,6 +96,13 @@ TEST(PluginAllocation, RunAllocatesNothing) {
             lv2_atom_forge_object(&forge, &object, 0, request);
             lv2_atom_forge_pop(&forge, &object);
         }
+        // An editor showing the input's spectrum: the tap copies, the notify port carries it.
+        if (call % 100 == 0) {
+            LV2_Atom_Forge_Frame object;
+            lv2_atom_forge_frame_time(&forge, 0);
+            lv2_atom_forge_object(&forge, &object, 0, uiOn);
+            lv2_atom_forge_pop(&forge, &object);
+        }
         lv2_atom_forge_pop(&forge, &sequence);
         reinterpret_cast<LV2_Atom*>(midiOut)->size = sizeof midiOut;
         reinterpret_cast<LV2_Atom*>(notify)->size = sizeof notify;
@@ -107,10 +119,15 @@ TEST(PluginAllocation, RunAllocatesNothing) {
             controls[std::size_t(7 + call % 10)] = float(call % 100) / 100.0f;
             fillInput(call, n);
             d->run(plugin, n);
+            LV2_ATOM_SEQUENCE_FOREACH(reinterpret_cast<const LV2_Atom_Sequence*>(notify), ev) {
+                const auto* o = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
+                if (ev->body.type == object && o->body.otype == inputSamples) ++samplesMessages;
+            }
         }
         allocations = counter.count();
     }
     EXPECT_EQ(allocations, 0);
+    EXPECT_GT(samplesMessages, 20);
     for (std::uint32_t i = 0; i < kFrames; ++i) ASSERT_TRUE(std::isfinite(left[i])) << i;
     // The run really carried the traffic: the notify port reported values.
     EXPECT_GT(reinterpret_cast<LV2_Atom*>(notify)->size, sizeof(LV2_Atom_Sequence_Body));

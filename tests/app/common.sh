@@ -10,6 +10,9 @@ if [ -z "${SR_ISOLATED:-}" ]; then
     exec bash "$(dirname "${BASH_SOURCE[0]}")/isolated.sh" bash "$0" "$@"
 fi
 
+# No window on the display of whoever runs the tests: a test that shows one starts its own.
+unset DISPLAY
+
 APP=${1:?the sr-chorus program}
 CLIENT=${2:?sr-jack-test-client}
 RENDER=${3:?sr-chorus-render}
@@ -96,12 +99,17 @@ kill_app() {
 }
 
 APP_STATUS=0
-# stop_app [SIGNAL]: signals the app (SIGTERM by default) and waits for its end.
-stop_app() {
-    kill "-${1:-TERM}" "$APP_PID"
+# wait_app: waits for the app's end; its exit status in APP_STATUS.
+wait_app() {
     APP_STATUS=0
     wait "$APP_PID" || APP_STATUS=$?
     APP_PID=""
+}
+
+# stop_app [SIGNAL]: signals the app (SIGTERM by default) and waits for its end.
+stop_app() {
+    kill "-${1:-TERM}" "$APP_PID"
+    wait_app
 }
 
 # expect_line PATTERN [FILE]: the app's log (or FILE) has a line matching the pattern. The log

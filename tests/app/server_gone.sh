@@ -6,10 +6,8 @@ start_app "$WORK/app.log" --no-ui
 # Controller 24 is bound to Chorus Mix by default.
 "$CLIENT" cc sr-chorus 1 24 127 || fail "no MIDI through the app"
 stop_server
-status=0
-wait "$APP_PID" || status=$?
-APP_PID=""
-[ "$status" -eq 1 ] || fail "the app exited $status after the server went away, not 1"
+wait_app
+[ "$APP_STATUS" -eq 1 ] || fail "the app exited $APP_STATUS after the server went away, not 1"
 expect_line "ERROR: the JACK server went away \(.*\); quitting"
 expect_line "saved the state to '$STATE'"
 expect_value kChorusDryWet 1

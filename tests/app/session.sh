@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # A session as a player has it: a controller moves a bound control, the app quits on SIGTERM
-# and saves everything; the next start (the default, window mode of a build without the panel)
+# and saves everything; the next start (in the default, window mode, with no display: headless)
 # restores it, follows a change of the server's period and quits on SIGINT.
 source "$(dirname "$0")/common.sh"
 start_server 256
@@ -21,7 +21,7 @@ factory=$(find "$DOCUMENTS/Presets/Factory" -name '*.aupreset' | wc -l)
 echo "ok: $factory factory presets in $DOCUMENTS/Presets/Factory"
 
 start_app "$WORK/run2.log"
-expect_line "the panel is not available in this build; running without a window, as with --no-ui"
+expect_line "no X display \(DISPLAY is not set\); running without a window, as with --no-ui"
 expect_line "restored the saved state from '$STATE'"
 expect_line "renders at 48000 Hz in calls of up to 256 frames"
 jack_bufsize 512 >/dev/null || fail "jack_bufsize could not change the period"

@@ -1,6 +1,8 @@
-// The app's JACK process callback allocates nothing: the whole app runs under a JACK server of
-// this test's own for 1000 counted cycles while a second client sends MIDI into it every cycle
-// (controllers bound to controls, notes, system exclusive). The callback the app registers is
+// The app's JACK process callback allocates nothing: the whole app, its window open on the
+// test's X display (with-xvfb.sh), runs under a JACK server of this test's own for 1000 counted
+// cycles while a second client sends MIDI into it every cycle (controllers bound to controls,
+// which the panel follows, notes, system exclusive) and the cycles copy their input into the tap
+// that the window empties for its spectrum. The callback the app registers is
 // wrapped here, so each of its calls runs inside an allocation counter: what libjack, the
 // engine, the render block and the kernel allocate on that thread during the call is counted.
 #include <gtest/gtest.h>
@@ -10,16 +12,22 @@
 #include <jack/midiport.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <thread>
 
 #include "JackServer.h"
 #include "alloc_counter.h"
 #include "app/App.h"
 #include "kernel/ParameterTable.h"
+
+// Last: Xlib defines macros (Status, None) that the app's headers would trip over.
+#include <X11/Xlib.h>
 
 namespace {
 
@@ -65,6 +73,31 @@ extern "C" int jack_set_process_callback(jack_client_t* client, JackProcessCallb
 
 namespace {
 
+// The app's window on the test's display: a top-level window, shown, whose title begins with
+// the app's name.
+bool appWindowShown() {
+    Display* display = XOpenDisplay(nullptr);
+    if (!display) return false;
+    Window root = 0, parent = 0, *children = nullptr;
+    unsigned count = 0;
+    bool found = false;
+    if (XQueryTree(display, DefaultRootWindow(display), &root, &parent, &children, &count)) {
+        for (unsigned i = 0; i < count && !found; ++i) {
+            char* name = nullptr;
+            XWindowAttributes attributes{};
+            if (XFetchName(display, children[i], &name) && name) {
+                found = std::string_view(name).starts_with("TAV SR Chorus") &&
+                        XGetWindowAttributes(display, children[i], &attributes) &&
+                        attributes.map_state == IsViewable;
+                XFree(name);
+            }
+        }
+        if (children) XFree(children);
+    }
+    XCloseDisplay(display);
+    return found;
+}
+
 // Sends three messages every cycle, and system exclusive every tenth.
 struct MidiSender {
     jack_port_t* out = nullptr;
@@ -98,6 +131,7 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
     std::filesystem::remove_all(documents);
     ::setenv("XDG_DATA_HOME", documents.c_str(), 1);
 
+    ASSERT_NE(std::getenv("DISPLAY"), nullptr) << "no X display (the test runs under with-xvfb.sh)";
     sr::test::JackServer jackd(server, 64);
     ASSERT_TRUE(jackd.started()) << "jackd could not be started (scripts/install-deps.sh)";
     jack_client_t* midiClient = sr::test::JackServer::openClient("sr-alloc-midi");
@@ -110,7 +144,6 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
 
     sr::app::Options options;
     options.clientName = kAppName;
-    options.noUI = true;
     sr::app::App app(options);
     int status = -1;
     std::thread mainLoop([&] { status = app.run(); });
@@ -120,10 +153,18 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
     while (jack_connect(midiClient, jack_port_name(sender.out), appInput.c_str()) != 0 &&
            std::chrono::steady_clock::now() < deadline)
         std::this_thread::sleep_for(20ms);
+    // The window opens before the app's client is activated.
+    EXPECT_TRUE(appWindowShown()) << "the app's window is not on the display";
     const long messagesBefore = sender.messages.load();
     counting.store(true, std::memory_order_release);
-    while (countedCycles.load() < 1000 && std::chrono::steady_clock::now() < deadline)
+    // The panel shows the input's spectrum: the cycles copy their input into the tap, which the
+    // window empties on the main loop's turns.
+    EXPECT_TRUE(app.inputTap().isOpen()) << "the window did not open the input tap";
+    std::uint32_t mostWaiting = 0;
+    while (countedCycles.load() < 1000 && std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(10ms);
+        mostWaiting = std::max(mostWaiting, app.inputTap().available());
+    }
     counting.store(false, std::memory_order_release);
     const long messages = sender.messages.load() - messagesBefore;
 
@@ -134,6 +175,8 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
     EXPECT_EQ(status, 0);
     ASSERT_GE(countedCycles.load(), 1000) << "the app's callback did not run 1000 cycles in 30 s";
     EXPECT_GE(messages, 3000);
+    // 1000 cycles of 64 frames: a tap nobody emptied would hold them all.
+    EXPECT_LT(mostWaiting, 16384u) << "the window did not take the tap's samples";
     EXPECT_EQ(allocations.load(), 0) << "over " << countedCycles.load() << " cycles";
     // The controllers went through the main loop to the parameters: all twelve moved from
     // their defaults to values the sender sent.
@@ -143,8 +186,9 @@ TEST(AppAllocation, ProcessCallbackAllocatesNothingOver1000CyclesWithMidi) {
          a < sr::kFirstControllerAddress; ++a)
         moved += tree.parameterWithAddress(a)->value() != sr::kParameterTable[a].defaultValue;
     EXPECT_GE(moved, 10);
-    std::printf("process callback: %ld cycles, %ld allocations, %ld MIDI messages in\n",
-                countedCycles.load(), allocations.load(), messages);
+    std::printf("process callback: %ld cycles, %ld allocations, %ld MIDI messages in; at most "
+                "%u samples waiting in the window's input tap\n",
+                countedCycles.load(), allocations.load(), messages, mostWaiting);
     std::filesystem::remove_all(documents);
 }
 

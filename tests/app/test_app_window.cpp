@@ -27,11 +27,16 @@ struct WindowLog {
     int pumpsAfterWake = 0;
     bool presetLoaded = false;
     std::vector<std::string> titles;
+    // The input the window took from the app's tap, and the rate it came at.
+    std::size_t inputSamples = 0;
+    double sampleRate = 0.0;
 };
 
 struct Script {
-    std::string presetPath;  // loaded through the app at the third turn
-    int closeAfterPumps = 0; // the user closes the window then
+    std::string presetPath;   // loaded through the app at the third turn
+    std::string panelPreset;  // taken by the panel itself at the fifth turn, when given
+    int closeAfterPumps = 0;  // the user closes the window then
+    bool displayLost = false; // ... or the display drops the connection then
 };
 
 WindowLog windowLog;
@@ -47,8 +52,12 @@ public:
             feed = fds[1];
         }
         windowLog.titles.push_back(app.windowTitle());
+        // A panel showing the spectrum opens the input's tap, as the LV2 editor's uiOn does.
+        app.inputTap().open();
+        windowLog.sampleRate = app.sampleRate();
     }
     ~StandInWindow() override {
+        app.inputTap().close();
         ++windowLog.destroyed;
         ::close(events);
         ::close(feed);
@@ -56,6 +65,8 @@ public:
     int eventDescriptor() const override { return events; }
     void pump() override {
         ++windowLog.pumps;
+        windowLog.inputSamples +=
+            app.inputTap().take(InputTap::kCapacity, [](const float*, auto) {});
         char bytes[16];
         if (::read(events, bytes, sizeof bytes) > 0) ++windowLog.pumpsAfterWake;
         if (windowLog.pumps == 3) {
@@ -63,9 +74,17 @@ public:
             // An event arrives: the next turn comes without waiting for the loop's period.
             [[maybe_unused]] const ssize_t n = ::write(feed, "x", 1);
         }
-        if (windowLog.pumps >= script.closeAfterPumps) closedByUser = true;
+        if (windowLog.pumps == 5 && !script.panelPreset.empty())
+            app.setCurrentPresetFile(script.panelPreset);
+        if (windowLog.pumps >= script.closeAfterPumps) {
+            if (script.displayLost)
+                connectionLost = true;
+            else
+                closedByUser = true;
+        }
     }
     bool closed() const override { return closedByUser; }
+    bool lost() const override { return connectionLost; }
     void presetChanged() override { windowLog.titles.push_back(app.windowTitle()); }
 
 private:
@@ -73,6 +92,7 @@ private:
     int events = -1;
     int feed = -1;
     bool closedByUser = false;
+    bool connectionLost = false;
 };
 
 } // namespace
@@ -110,14 +130,15 @@ protected:
 std::unique_ptr<sr::test::JackServer> AppWindowSeam::server;
 
 TEST_F(AppWindowSeam, TheMainLoopPumpsTheWindowAndClosingItQuitsSavingTheState) {
-    script = {std::string(SR_FACTORY_PRESETS) + "/Vocal Shimmer.aupreset", 8};
+    script = {std::string(SR_FACTORY_PRESETS) + "/Vocal Shimmer.aupreset",
+              "/somewhere/Presets/User/Stage Mix.aupreset", 8};
     Options options;
     options.clientName = "sr-window-app";
     int status = -1;
     {
         App app(options);
         status = app.run();
-        EXPECT_EQ(app.currentPresetName(), "Vocal Shimmer");
+        EXPECT_EQ(app.currentPresetName(), "Stage Mix");
     }
     EXPECT_EQ(status, 0);
     EXPECT_EQ(windowLog.created, 1);
@@ -125,10 +146,32 @@ TEST_F(AppWindowSeam, TheMainLoopPumpsTheWindowAndClosingItQuitsSavingTheState) 
     EXPECT_EQ(windowLog.pumps, 8);
     EXPECT_GE(windowLog.pumpsAfterWake, 1);
     EXPECT_TRUE(windowLog.presetLoaded);
-    const std::vector<std::string> titles = {"TAV SR Chorus", "TAV SR Chorus - Vocal Shimmer"};
+    // The audio cycles copied their input for the window while it was open.
+    EXPECT_EQ(windowLog.sampleRate, 48000.0);
+    EXPECT_GT(windowLog.inputSamples, 256u);
+    const std::vector<std::string> titles = {"TAV SR Chorus", "TAV SR Chorus - Vocal Shimmer",
+                                             "TAV SR Chorus - Stage Mix"};
     EXPECT_EQ(windowLog.titles, titles);
 
     // The state was saved on the way out, the preset named as current.
+    StateFile file((documents / "tav-sr-chorus").string() + "/");
+    const StateFile::Read saved = file.read();
+    ASSERT_EQ(saved.status, StateFile::Read::Loaded) << saved.reason;
+    EXPECT_EQ(saved.state.presetName, "Stage Mix");
+}
+
+TEST_F(AppWindowSeam, ALostDisplayQuitsWithStatus1SavingTheState) {
+    script = {std::string(SR_FACTORY_PRESETS) + "/Vocal Shimmer.aupreset", "", 4, true};
+    Options options;
+    options.clientName = "sr-window-app";
+    int status = -1;
+    {
+        App app(options);
+        status = app.run();
+    }
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(windowLog.pumps, 4);
+    EXPECT_EQ(windowLog.destroyed, 1);
     StateFile file((documents / "tav-sr-chorus").string() + "/");
     const StateFile::Read saved = file.read();
     ASSERT_EQ(saved.status, StateFile::Read::Loaded) << saved.reason;

@@ -194,6 +194,11 @@ public:
         pending_.push_back({0, {}});
         requested_.push_back(std::move(property));
     }
+    // An object of this type and no properties (the editor's uiOn and uiOff).
+    void object(const std::string& otype) {
+        pending_.push_back({0, {}});
+        requested_.push_back("object:" + otype);
+    }
 
     // Runs frames [from, from + count) of `in` into the same frames of `out`.
     void run(const test::Stereo& in, test::Stereo& out, std::size_t from, std::size_t count) {
@@ -254,13 +259,48 @@ public:
         return out;
     }
 
+    // The input samples messages of the last run, as (rate, samples); a message of that type
+    // in another shape gives rate 0.
+    std::vector<std::pair<float, std::vector<float>>> inputSamples() const {
+        std::vector<std::pair<float, std::vector<float>>> out;
+        LV2_ATOM_SEQUENCE_FOREACH(sequence(notify_), ev) {
+            const auto* obj = reinterpret_cast<const LV2_Atom_Object*>(&ev->body);
+            if (ev->body.type != host_.urid(LV2_ATOM__Object) ||
+                obj->body.otype != host_.urid(kNs + "InputSamples"))
+                continue;
+            const LV2_Atom *rate = nullptr, *samples = nullptr;
+            lv2_atom_object_get(obj, host_.urid(kNs + "sampleRate"), &rate,
+                                host_.urid(kNs + "samples"), &samples, 0);
+            const auto* vector = reinterpret_cast<const LV2_Atom_Vector*>(samples);
+            if (!rate || rate->type != host_.urid(LV2_ATOM__Float) || !samples ||
+                samples->type != host_.urid(LV2_ATOM__Vector) ||
+                vector->body.child_type != host_.urid(LV2_ATOM__Float) ||
+                vector->body.child_size != sizeof(float)) {
+                out.push_back({0.0f, {}});
+                continue;
+            }
+            const auto* first = reinterpret_cast<const float*>(vector + 1);
+            const std::size_t count = (samples->size - sizeof(LV2_Atom_Vector_Body)) / 4;
+            out.push_back({reinterpret_cast<const LV2_Atom_Float*>(rate)->body,
+                           std::vector<float>(first, first + count)});
+        }
+        return out;
+    }
+    // Nothing after the notify port's capacity was touched.
+    bool notifyGuardIntact() const {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(notify_.data());
+        for (std::size_t i = sizeof(LV2_Atom) + notifyCapacity; i < kBufferBytes; ++i)
+            if (bytes[i] != kGuard) return false;
+        return true;
+    }
+
     LilvInstance* raw = nullptr;
     float control[kParameterCount];
-    uint32_t midiOutCapacity = kCapacity;
+    uint32_t midiOutCapacity = 8192;
     uint32_t notifyCapacity = kCapacity;
 
 private:
-    static constexpr uint32_t kCapacity = 8192;
+    static constexpr uint32_t kCapacity = 45056; // the notify port's minimum size
     static constexpr std::size_t kBufferBytes = sizeof(LV2_Atom) + kCapacity + 256;
     static constexpr uint8_t kGuard = 0xAB;
     using Buffer = std::vector<uint64_t>; // 64-bit words keep the atoms aligned
@@ -278,7 +318,11 @@ private:
         std::size_t request = 0;
         for (const auto& [frame, bytes] : pending_) {
             lv2_atom_forge_frame_time(&forge, frame);
-            if (bytes.empty()) {
+            if (bytes.empty() && requested_[request].starts_with("object:")) {
+                lv2_atom_forge_object(&forge, &object, 0,
+                                      host_.urid(requested_[request++].substr(7)));
+                lv2_atom_forge_pop(&forge, &object);
+            } else if (bytes.empty()) {
                 lv2_atom_forge_object(&forge, &object, 0, host_.urid(LV2_PATCH__Get));
                 if (const std::string& property = requested_[request++]; !property.empty()) {
                     lv2_atom_forge_key(&forge, host_.urid(LV2_PATCH__property));

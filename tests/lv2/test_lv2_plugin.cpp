@@ -141,8 +141,10 @@ TEST(Lv2Plugin, DescriptionFollowsTheParameterTable) {
         EXPECT_EQ(lilv_port_supports_event(plugin, port(i), h.node(LV2_PATCH__Message)),
                   i == kMidiIn);
         if (i == kMidiIn) continue;
+        // The notify port holds every report and a full message of input samples for the
+        // editor's spectrum (8192 floats) besides.
         Node size(lilv_port_get(plugin, port(i), h.node(LV2_RESIZE_PORT__minimumSize)));
-        EXPECT_TRUE(size.node && lilv_node_as_int(size) == 8192);
+        EXPECT_TRUE(size.node && lilv_node_as_int(size) == (i == kNotify ? 45056 : 8192));
     }
     EXPECT_STREQ(lilv_node_as_string(Node(lilv_port_get_name(plugin, port(kMidiOut)))),
                  "TAV SR Chorus MIDI Out");
@@ -260,6 +262,110 @@ TEST(Lv2Plugin, ReportsThatFindNoRoomFollowInLaterCalls) {
     EXPECT_EQ(seen.size(), kParameterCount);
     for (const ParameterInfo& info : kParameterTable)
         EXPECT_EQ(seen[int(info.address)], info.defaultValue) << info.identifier;
+}
+
+// ---- the editor's spectrum: the input tap ------------------------------------------------------
+
+namespace {
+
+const std::string kUiOn = kNs + "uiOn", kUiOff = kNs + "uiOff";
+
+// Runs `in` in calls of `block` frames from frame `from` on; the input samples messages of each
+// call, in order, with the frame after the call.
+struct Sent {
+    std::size_t afterFrame;
+    float rate;
+    std::vector<float> samples;
+};
+std::vector<Sent> runCollecting(Instance& p, const test::Stereo& in, std::size_t from,
+                                std::size_t frames, std::size_t block) {
+    std::vector<Sent> sent;
+    test::Stereo out(in.size());
+    for (std::size_t at = from, n; at < from + frames; at += n) {
+        n = std::min(block, from + frames - at);
+        p.run(in, out, at, n);
+        EXPECT_TRUE(p.notifyGuardIntact());
+        for (auto& [rate, samples] : p.inputSamples()) sent.push_back({at + n, rate, samples});
+    }
+    return sent;
+}
+
+} // namespace
+
+TEST(Lv2Spectrum, NothingIsCopiedOrSentWhileNoEditorAsks) {
+    Instance p;
+    const test::Stereo in = test::noise(48000, 5);
+    EXPECT_TRUE(runCollecting(p, in, 0, 48000, 500).empty());
+    // A patch:Get is no uiOn.
+    p.requestValues();
+    EXPECT_TRUE(runCollecting(p, in, 0, 24000, 500).empty());
+}
+
+TEST(Lv2Spectrum, AnOpenEditorGetsTheInputAtMost30TimesASecondAndNothingAfterUiOff) {
+    Instance p;
+    const test::Stereo in = test::noise(3 * 48000, 6);
+    p.object(kUiOn);
+    const std::vector<Sent> sent = runCollecting(p, in, 0, 48000, 256);
+    // Every 1600 frames of audio: 30 messages in the second, each taking what came since.
+    ASSERT_GE(sent.size(), 29u);
+    EXPECT_LE(sent.size(), 30u);
+    std::vector<float> joined;
+    for (const Sent& s : sent) {
+        EXPECT_EQ(s.rate, 48000.0f);
+        EXPECT_LE(s.samples.size(), 1600u + 256u);
+        joined.insert(joined.end(), s.samples.begin(), s.samples.end());
+    }
+    // The mean of left and right, every frame from the uiOn's call on, none twice or lost.
+    ASSERT_EQ(joined.size(), sent.back().afterFrame);
+    for (std::size_t i = 0; i < joined.size(); ++i)
+        ASSERT_EQ(joined[i], 0.5f * (in.left[i] + in.right[i])) << i;
+
+    p.object(kUiOff);
+    EXPECT_TRUE(runCollecting(p, in, 48000, 48000, 256).empty());
+    // Opened again: only what comes from then on, nothing left from before.
+    p.object(kUiOn);
+    const std::vector<Sent> again = runCollecting(p, in, 96000, 4800, 480);
+    ASSERT_FALSE(again.empty());
+    EXPECT_EQ(again.front().samples.front(), 0.5f * (in.left[96000] + in.right[96000]));
+}
+
+TEST(Lv2Spectrum, StopsByItselfWhenNoEditorRepeatsItsUiOnForFiveSeconds) {
+    Instance p;
+    const test::Stereo in = test::noise(48000, 7);
+    p.object(kUiOn);
+    std::size_t lastSent = 0;
+    // Seven seconds of audio; the uiOn is repeated during the first two only.
+    for (int second = 0; second < 7; ++second) {
+        if (second > 0 && second < 3) p.object(kUiOn);
+        for (const Sent& s : runCollecting(p, in, 0, 48000, 512))
+            lastSent = std::size_t(second) * 48000 + s.afterFrame;
+    }
+    // The last uiOn came at 96000; five seconds later (336000) it stops.
+    EXPECT_GT(lastSent, 330000u);
+    EXPECT_LE(lastSent, 336000u + 512u);
+}
+
+TEST(Lv2Spectrum, MessagesKeepToTheNotifyPortsRoomAfterTheReports) {
+    Instance p;
+    p.notifyCapacity = 2048;
+    const test::Stereo in = test::noise(48000, 8);
+    p.object(kUiOn);
+    p.requestValues(); // the reports go first and fill the small port for a few calls
+    std::size_t messages = 0;
+    test::Stereo out(in.size());
+    for (std::size_t at = 0; at + 256 <= in.size(); at += 256) {
+        p.run(in, out, at, 256);
+        EXPECT_TRUE(p.notifyGuardIntact()) << at;
+        for (const auto& [rate, samples] : p.inputSamples()) {
+            EXPECT_EQ(rate, 48000.0f);
+            // The newest samples that fit: (2048 - the sequence's and message's headers) / 4.
+            EXPECT_GT(samples.size(), 400u);
+            EXPECT_LE(samples.size(), 500u);
+            EXPECT_EQ(samples.back(), 0.5f * (in.left[at + 255] + in.right[at + 255]));
+            ++messages;
+        }
+    }
+    EXPECT_GE(messages, 25u);
 }
 
 TEST(Lv2Plugin, MidiPassesThroughInOrderAndWithinTheOutputCapacity) {

@@ -97,14 +97,17 @@ logs() { cat jalv.out jalv.err >log.txt; }
 # button first.
 at 940 59
 alive
-[ "$(focus)" = "$((WINDOW))" ] || fail "the open browser did not get the keyboard focus"
+focused() { [ "$(focus)" = "$((WINDOW))" ]; }
+unfocused() { ! focused; }
+eventually focused || fail "the open browser did not get the keyboard focus"
 at 904 276
 row 2
-sleep 1
 alive
-logs
-python3 presets.py compare "$FACTORY" log.txt ||
+chosen() { logs && python3 presets.py compare "$FACTORY" log.txt >/dev/null 2>&1; }
+eventually chosen || {
+    python3 presets.py compare "$FACTORY" log.txt
     fail "choosing '$PRESET' did not bring all 29 values to the host's ports"
+}
 shot browser.png
 cp browser.png "$SHOTS/jalv-browser.png"
 # The chosen row is marked in the accent colour.
@@ -118,17 +121,15 @@ sleep 0.6
 shot dialog.png
 cp dialog.png "$SHOTS/jalv-name-dialog.png"
 xdotool key Return
-sleep 1
 alive
-[ -f "$USER_FILE" ] || fail "no user preset at $USER_FILE: $(ls -R "$XDG_DATA_HOME")"
+eventually test -f "$USER_FILE" || fail "no user preset at $USER_FILE: $(ls -R "$XDG_DATA_HOME")"
 python3 presets.py same "$FACTORY" "$USER_FILE" || fail "the saved preset holds other values"
 leftovers=$(find "$XDG_DATA_HOME/tav-sr-chorus/Presets/User" -name '.*' | wc -l)
 [ "$leftovers" -eq 0 ] || fail "temporary files were left in the user folder"
 
 # Close the browser: the keyboard goes back to the host.
 xdotool key Escape
-sleep 0.6
-[ "$(focus)" != "$((WINDOW))" ] || fail "the editor kept the keyboard after the browser closed"
+eventually unfocused || fail "the editor kept the keyboard after the browser closed"
 
 # Change the depth on the panel, then load the user preset back.
 kx=$((WX + 137)) ky=$((WY + 222))
@@ -141,14 +142,20 @@ depth() {
         sed 's/.*value://'
 }
 want=$(python3 presets.py values "$FACTORY" | awk '$1 == 7 {print $2}')
-changed=$(depth)
-awk -v a="$changed" -v b="$want" 'BEGIN { exit !(a - b > 0.1) }' ||
+dragged() {
+    changed=$(depth)
+    awk -v a="$changed" -v b="$want" 'BEGIN { exit !(a - b > 0.1) }'
+}
+eventually dragged ||
     fail "the drag did not change the depth ($changed, preset $want)"
 at 940 59
 row 0 # the user set is shown, as it was left
 alive
-back=$(depth)
-awk -v a="$back" -v b="$want" 'BEGIN { d = a - b; exit !(d < 1e-6 && d > -1e-6) }' ||
+loaded_back() {
+    back=$(depth)
+    awk -v a="$back" -v b="$want" 'BEGIN { d = a - b; exit !(d < 1e-6 && d > -1e-6) }'
+}
+eventually loaded_back ||
     fail "loading '$USER_NAME' back gave depth $back, not $want"
 
 # Delete it: the Delete key asks, Return confirms.
@@ -158,12 +165,12 @@ shot question.png
 cp question.png "$SHOTS/jalv-delete-question.png"
 [ -f "$USER_FILE" ] || fail "the file went before the question was answered"
 xdotool key Return
-sleep 0.6
-[ ! -e "$USER_FILE" ] || fail "the user preset was not deleted after confirming"
-logs
-grep -q "FileViewControllerPresets::alertFileDelete() : Delete action was permitted." log.txt ||
+gone() { [ ! -e "$USER_FILE" ]; }
+eventually gone || fail "the user preset was not deleted after confirming"
+logged() { logs && grep -qF "$1" log.txt; }
+eventually logged "FileViewControllerPresets::alertFileDelete() : Delete action was permitted." ||
     fail "no permission line in the log"
-grep -q "FileTableViewPresets::deleteFile() : The file was removed." log.txt ||
+eventually logged "FileTableViewPresets::deleteFile() : The file was removed." ||
     fail "no removal line in the log"
 ls "$XDG_DATA_HOME/tav-sr-chorus/Presets/Factory/$PRESET.aupreset" >/dev/null ||
     fail "a factory preset went missing"

@@ -2,10 +2,12 @@
 # The editor in a real host: jalv.gtk3 embeds it on a private Xvfb display, with a private dummy
 # JACK server, at GTK scale 1 and 2. A screenshot shows the panel (its size and a few pixels),
 # and a drag on the depth knob with xdotool changes the plug-in's depth (the plug-in logs every
-# value it takes, into jalv's log). Screenshots are kept in BUILD/test-screenshots/.
+# value it takes, into jalv's log); with a click track playing into the plug-in, the input's
+# spectrum shows and moves behind the split bar. Screenshots are kept in BUILD/test-screenshots/.
 source "$(dirname "$0")/common.sh"
 cd "$WORK"
 source "$HERE/x11host.sh"
+need compare jack_metro jack_connect
 
 run_at_scale() {
     local scale=$1 client=sr-jalv-ui$1 width=$((1024 * $1)) height=$((400 * $1))
@@ -36,8 +38,15 @@ run_at_scale() {
     local kx=$((x + 137 * scale)) ky=$((y + 222 * scale)) step
     xdotool mousemove "$kx" "$ky" sleep 0.2 mousedown 1 sleep 0.1
     for step in 10 20 30 40; do xdotool mousemove "$kx" $((ky - step * scale)) sleep 0.05; done
-    xdotool sleep 0.1 mouseup 1 sleep 1
+    xdotool sleep 0.1 mouseup 1
     kill -0 "$jalv" 2>/dev/null || fail "jalv.gtk3 died: $(cat "jalv$scale.err")"
+    # The plug-in logs each value it takes: wait for the drag's to arrive.
+    dragged() {
+        cat "jalv$scale.out" "jalv$scale.err" |
+            grep -o 'unit received parameter : address:7, value:[0-9.]*' | tail -n1 |
+            awk -F'value:' '{ exit !($2 > 0.50 && $2 < 0.56) }'
+    }
+    eventually dragged || true # judged below, with the value found
     import -window root -crop "${width}x${height}+$x+$y" "drag$scale.png"
     cp "drag$scale.png" "$SHOTS/jalv-ui-scale$scale-after-drag.png"
     stop "$jalv" INT
@@ -63,6 +72,69 @@ run_at_scale() {
     echo "scale $scale: ${width}x${height} editor, plate $plate, MAIN strip $main, depth 0.33 -> $last"
 }
 
+# Differing pixels between the split bar of two screenshots (canvas x 54..973, y 90..161 at
+# scale 1).
+bar_difference() {
+    convert "$1" -crop 920x72+54+90 +repage bar-a.png
+    convert "$2" -crop 920x72+54+90 +repage bar-b.png
+    local n
+    n=$(compare -metric AE bar-a.png bar-b.png null: 2>&1 || true)
+    n=${n%% *}
+    [[ $n =~ ^[0-9]+$ ]] && echo "$n" || echo 0
+}
+
+# The spectrum behind the split bar: silent, the bar shows none; with a click track playing into
+# the plug-in's inputs (jack_metro, 880 Hz beeps four times a second), it rises and falls, so
+# screenshots a moment apart differ in the bar; jalv says nothing about the messages.
+spectrum_moves() {
+    local client=sr-jalv-spectrum i x y
+    mkfifo commands-spectrum
+    exec 3<>commands-spectrum
+    stdbuf -oL jalv.gtk3 -n "$client" "$URI" <&3 >jalv-spectrum.out 2>jalv-spectrum.err &
+    local jalv=$!
+    find_editor 1024x400 "$jalv"
+    x=$WX
+    y=$WY
+    sleep 1
+    import -window root -crop "1024x400+$x+$y" silent.png
+    jack_metro -n sr-spectrum-metro -b 240 -f 880 -A 0.5 >/dev/null 2>&1 &
+    local metro=$!
+    CLEANUP+=("stop $metro")
+    for ((i = 0; i < 100; i++)); do
+        jack_connect sr-spectrum-metro:240_bpm "$client:in_l" 2>/dev/null &&
+            jack_connect sr-spectrum-metro:240_bpm "$client:in_r" 2>/dev/null && break
+        sleep 0.1
+    done
+    sleep 1
+    local differ=0 previous="" d appeared=0
+    for ((i = 0; i < 6; i++)); do
+        import -window root -crop "1024x400+$x+$y" "playing$i.png"
+        d=$(bar_difference silent.png "playing$i.png")
+        ((d > appeared)) && appeared=$d
+        if [ -n "$previous" ]; then
+            d=$(bar_difference "$previous" "playing$i.png")
+            ((d > differ)) && differ=$d
+        fi
+        previous="playing$i.png"
+        sleep 0.13
+    done
+    cp silent.png "$SHOTS/jalv-spectrum-silent.png"
+    cp playing0.png "$SHOTS/jalv-spectrum-playing.png"
+    stop "$metro"
+    stop "$jalv" INT
+    exec 3>&-
+    [ "$STATUS" = 0 ] || fail "jalv.gtk3 exited with status $STATUS: $(cat jalv-spectrum.err)"
+    ((appeared > 500)) || fail "no spectrum appeared in the bar with audio playing ($appeared pixels)"
+    ((differ > 200)) || fail "the spectrum did not move between screenshots ($differ pixels)"
+    if grep -Ei 'error|overflow|unknown' jalv-spectrum.err jalv-spectrum.out; then
+        fail "jalv.gtk3 complained while the spectrum played"
+    fi
+    echo "spectrum: $appeared pixels of the bar lit with audio playing, up to $differ changed" \
+        "between screenshots 0.13 s apart"
+}
+
 run_at_scale 1
 run_at_scale 2
-echo "ok: jalv.gtk3 shows the editor at GTK scale 1 and 2; screenshots in $SHOTS"
+spectrum_moves
+echo "ok: jalv.gtk3 shows the editor at GTK scale 1 and 2 and the input's spectrum moving;" \
+    "screenshots in $SHOTS"
