@@ -17,14 +17,16 @@ EffectLFO::EffectLFO(EffectGlobals& globals) : globals(globals) {
     ampRightEnd = newAmplitude();
 }
 
-double EffectLFO::stepForBlock(int frames) const {
-    const double step = double(frequency) * frames / globals.SAMPLE_RATE;
-    return step > 0.49999999 ? 0.5 : step;
+void EffectLFO::setStepForBlock() {
+    stepFrames = globals.SOUND_BUFFER_SIZE;
+    stepRate = globals.SAMPLE_RATE;
+    const double step = double(frequency) * stepFrames / stepRate;
+    phaseStep = step > 0.49999999 ? 0.5 : step;
 }
 
 void EffectLFO::UpdateParameters() {
     frequency = std::fabs((std::pow(2.0f, freqParam / 127.0f * 10.0f) - 1.0f) * 0.03f);
-    phaseStep = stepForBlock(globals.SOUND_BUFFER_SIZE);
+    setStepForBlock();
 
     randomness = randomnessParam / 127.0f;
     if (randomness < 0.0f) randomness = 0.0f;
@@ -56,21 +58,24 @@ float EffectLFO::newAmplitude() {
 // The phase moves first, so the value a block reports is the one at the block's end: the
 // delay a chorus reaches at the end of a block then does not lag by a host-chosen block
 // length, and the sound does not depend on how the host cuts the audio.
-float EffectLFO::advance(double& phase, float& ampStart, float& ampEnd, double step) {
+void EffectLFO::advance(double& phase, float& ampStart, float& ampEnd, double step) {
     phase += step;
     if (phase > 1.0) {
         phase -= 1.0;
         ampStart = ampEnd;
         ampEnd = newAmplitude();
     }
-    return valueAt(phase, ampStart, ampEnd);
 }
 
 // The amplitude glides across the cycle from the old random value to the new one.
+float EffectLFO::scaled(float shapeValue, float x, float ampStart, float ampEnd) {
+    const float out = shapeValue * (ampStart + x * (ampEnd - ampStart));
+    return (out + 1.0f) * 0.5f;
+}
+
 float EffectLFO::valueAt(double phase, float ampStart, float ampEnd) const {
     const auto x = float(phase);
-    const float out = getLFOShape(x) * (ampStart + x * (ampEnd - ampStart));
-    return (out + 1.0f) * 0.5f;
+    return scaled(getLFOShape(x), x, ampStart, ampEnd);
 }
 
 void EffectLFO::current(float* left, float* right) const {
@@ -78,10 +83,43 @@ void EffectLFO::current(float* left, float* right) const {
     *right = valueAt(phaseRight, ampRightStart, ampRightEnd);
 }
 
+// The sine shape at phases x (both channels), as getLFOShape works each out.
+void EffectLFO::sines(float xLeft, float xRight, float out[2]) {
+    const float twoLeft = 2.0f * xLeft, twoRight = 2.0f * xRight;
+    sr::cosRoundedToFloat2(twoLeft * 3.1415926536, twoRight * 3.1415926536, out);
+}
+
 void EffectLFO::process(float* left, float* right) {
-    phaseStep = stepForBlock(globals.SOUND_BUFFER_SIZE);
-    *left = advance(phaseLeft, ampLeftStart, ampLeftEnd, phaseStep);
-    *right = advance(phaseRight, ampRightStart, ampRightEnd, phaseStep);
+    // The step changes with the block length, the rate and the frequency; hosts keep the first
+    // two and a division is worth saving on every block.
+    if (globals.SOUND_BUFFER_SIZE != stepFrames || globals.SAMPLE_RATE != stepRate)
+        setStepForBlock();
+    advance(phaseLeft, ampLeftStart, ampLeftEnd, phaseStep);
+    advance(phaseRight, ampRightStart, ampRightEnd, phaseStep);
+    const auto xLeft = float(phaseLeft), xRight = float(phaseRight);
+    float shapes[2];
+    if (shape == 1) {
+        shapes[0] = getLFOShape(xLeft);
+        shapes[1] = getLFOShape(xRight);
+    } else {
+        // Worked out during the block before, when this block's phases were foreseen right:
+        // the render then does not wait for the cosines at the start of every block.
+        if (phaseLeft == nextPhase[0] && phaseRight == nextPhase[1]) {
+            shapes[0] = nextShape[0];
+            shapes[1] = nextShape[1];
+        } else {
+            sines(xLeft, xRight, shapes);
+        }
+        // The next block's phases if it is as long as this one and the settings stay, by the
+        // steps advance() will take.
+        for (int c = 0; c < 2; ++c) {
+            nextPhase[c] = (c == 0 ? phaseLeft : phaseRight) + phaseStep;
+            if (nextPhase[c] > 1.0) nextPhase[c] -= 1.0;
+        }
+        sines(float(nextPhase[0]), float(nextPhase[1]), nextShape);
+    }
+    *left = scaled(shapes[0], xLeft, ampLeftStart, ampLeftEnd);
+    *right = scaled(shapes[1], xRight, ampRightStart, ampRightEnd);
 }
 
 void EffectLFO::setParameterChar(int which, unsigned char value) {

@@ -42,11 +42,18 @@ public:
     unsigned char shape = 0;
 
 private:
-    double stepForBlock(int frames) const;
+    // phaseStep for blocks of globals.SOUND_BUFFER_SIZE frames at globals.SAMPLE_RATE.
+    void setStepForBlock();
     float newAmplitude();
-    float advance(double& phase, float& ampStart, float& ampEnd, double step);
+    void advance(double& phase, float& ampStart, float& ampEnd, double step);
+    static void sines(float xLeft, float xRight, float out[2]);
+    static float scaled(float shapeValue, float x, float ampStart, float ampEnd);
     float valueAt(double phase, float ampStart, float ampEnd) const;
 
     EffectGlobals& globals;
     float frequency = 0.0f;
+    int stepFrames = 0, stepRate = 0; // what phaseStep was worked out for
+    // The sine shape at the phases the next block is expected to reach (NaN: none yet).
+    double nextPhase[2] = {__builtin_nan(""), __builtin_nan("")};
+    float nextShape[2] = {0.0f, 0.0f};
 };

@@ -13,6 +13,7 @@
 #include "kernel/BandSplitFilter3.h"
 #include "util/ExactCos.h"
 #include "util/FlushDenormals.h"
+#include "util/Simd.h"
 
 namespace {
 
@@ -191,6 +192,37 @@ TEST(EffectLFO, SineShapeIsTheLibraryCosineRoundedToFloat) {
         const float library = float(std::cos(x)), here = sr::cosRoundedToFloat(x);
         EXPECT_EQ(std::memcmp(&library, &here, sizeof here), 0) << x;
     }
+}
+
+// Both channels at once, in four AVX2 lanes or in SSE2 pairs: the library's floats, including
+// arguments next to the quadrant boundaries and a pair with one argument out of range.
+TEST(EffectLFO, PairedSinesAreTheLibraryCosinesRoundedToFloat) {
+    const sr::FlushDenormals flush;
+    std::vector<double> args;
+    for (std::uint32_t bits = 0; bits <= 0x3f800000u; bits += 4099) {
+        float x;
+        std::memcpy(&x, &bits, sizeof x);
+        const float twoX = 2.0f * x;
+        args.push_back(twoX * 3.1415926536);
+    }
+    for (int k = 0; k <= 4; ++k)
+        for (double x = k * 1.5707963267948966 - 1e-9; x < k * 1.5707963267948966 + 1e-9;
+             x += 1.37e-12)
+            if (x >= 0.0) args.push_back(x);
+    args.insert(args.end(), {7.0, 7.0000001, -0.25, double(NAN)});
+    for (bool wide : {true, false}) {
+        sr::simd::allowWideVectors(wide);
+        int differing = 0;
+        for (std::size_t i = 0; i + 1 < args.size(); ++i) {
+            const double a = args[i], b = args[args.size() - 1 - i];
+            float pair[2];
+            sr::cosRoundedToFloat2(a, b, pair);
+            const float library[2] = {float(std::cos(a)), float(std::cos(b))};
+            if (std::memcmp(pair, library, sizeof pair) != 0) ++differing;
+        }
+        EXPECT_EQ(differing, 0) << "wide " << wide;
+    }
+    sr::simd::allowWideVectors(true);
 }
 
 // ---------------------------------------------------------------- chorus

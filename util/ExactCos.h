@@ -16,5 +16,8 @@
 namespace sr {
 
 float cosRoundedToFloat(double x);
+// Both channels' cosines at once, out[0] = cosRoundedToFloat(a), out[1] = cosRoundedToFloat(b),
+// bit for bit, in about half the instructions of two calls.
+void cosRoundedToFloat2(double a, double b, float out[2]);
 
 } // namespace sr
