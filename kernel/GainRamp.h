@@ -39,6 +39,9 @@ public:
     }
 
     float value() const { return current; }
+    // Whether process() with this target would leave the signal as it is: at exactly 1.0,
+    // no glide under way or about to start.
+    bool leaves(float target) const { return target == goal && remaining == 0 && current == 1.0f; }
 
 private:
     int glideFrames = 480;

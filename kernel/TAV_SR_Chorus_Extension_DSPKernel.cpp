@@ -172,50 +172,73 @@ void TAV_SR_Chorus_Extension_DSPKernel::process(AUAudioFrameCount frameCount,
     const int channels =
         std::min({channelCount, int(inBufferList->mNumberBuffers),
                   int(outBufferList->mNumberBuffers), int(AudioBufferList::kMaxBuffers)});
+    const float* src[AudioBufferList::kMaxBuffers];
+    float* dst[AudioBufferList::kMaxBuffers];
+    auto passThrough = [&](int count) {
+        for (int c = 0; c < count; ++c)
+            if (src[c] != dst[c]) std::memmove(dst[c], src[c], frameCount * sizeof(float));
+    };
     for (int c = 0; c < channels; ++c) {
-        const float* src = static_cast<const float*>(inBufferList->mBuffers[c].mData);
-        float* dst = static_cast<float*>(outBufferList->mBuffers[c].mData);
-        if (!src || !dst) return;
-        src += bufferOffset;
-        dst += bufferOffset;
-        if (src != dst) std::memmove(dst, src, frameCount * sizeof(float));
+        src[c] = static_cast<const float*>(inBufferList->mBuffers[c].mData);
+        dst[c] = static_cast<float*>(outBufferList->mBuffers[c].mData);
+        if (!src[c] || !dst[c]) {
+            // The channels before it are passed through; nothing is rendered.
+            passThrough(c);
+            return;
+        }
+        src[c] += bufferOffset;
+        dst[c] += bufferOffset;
     }
-    if (bypassed.load(std::memory_order_relaxed) || channelCount != 2 || channels != 2) return;
-    if (parameters[sr::kBypass].load(std::memory_order_relaxed) != 0.0f) return;
-
-    float* left = static_cast<float*>(outBufferList->mBuffers[0].mData) + bufferOffset;
-    float* right = static_cast<float*>(outBufferList->mBuffers[1].mData) + bufferOffset;
+    const bool stereo = !bypassed.load(std::memory_order_relaxed) && channelCount == 2 &&
+                        channels == 2 &&
+                        parameters[sr::kBypass].load(std::memory_order_relaxed) == 0.0f;
+    if (!stereo) {
+        passThrough(channels);
+        return;
+    }
     // The band and work buffers hold 4096 frames: longer segments go through in slices.
     for (AUAudioFrameCount done = 0; done < frameCount;) {
         const int n = int(std::min<AUAudioFrameCount>(frameCount - done, kMaxSlice));
-        processStereo(left + done, right + done, n);
+        processStereo(src[0] + done, src[1] + done, dst[0] + done, dst[1] + done, n);
         done += AUAudioFrameCount(n);
     }
 }
 
-void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right, int n) {
-    inputGain.process(left, right, n, parameters[sr::kVolumeIn].load(std::memory_order_relaxed));
+void TAV_SR_Chorus_Extension_DSPKernel::processStereo(const float* inLeft, const float* inRight,
+                                                      float* left, float* right, int n) {
+    const float volumeIn = parameters[sr::kVolumeIn].load(std::memory_order_relaxed);
     const float mix = parameters[sr::kChorusDryWet].load(std::memory_order_relaxed);
     globals.SOUND_BUFFER_SIZE = n;
     float dry, wet;
     Chorus* chorus = effectManager->insertedChorus(dry, wet);
-    if (onePass && chorus && globals.denormalkillbuf && n <= effectManager->capacity() &&
-        bandSplitter.gainLow == 1.0f && bandSplitter.gainMid == 1.0f &&
-        bandSplitter.gainHigh == 1.0f) {
+    const bool inOnePass = onePass && chorus && globals.denormalkillbuf &&
+                           n <= effectManager->capacity() && bandSplitter.gainLow == 1.0f &&
+                           bandSplitter.gainMid == 1.0f && bandSplitter.gainHigh == 1.0f;
+    // The one pass reads the input where it lies when the input gain leaves it as it is and
+    // the mix writes every output frame; otherwise the input is copied and scaled first.
+    Frames io{inLeft, inRight, left, right};
+    if (!(inOnePass && mix != 0.0f && inputGain.leaves(volumeIn))) {
+        if (inLeft != left) std::memmove(left, inLeft, size_t(n) * sizeof(float));
+        if (inRight != right) std::memmove(right, inRight, size_t(n) * sizeof(float));
+        inputGain.process(left, right, n, volumeIn);
+        io.inLeft = left;
+        io.inRight = right;
+    }
+    if (inOnePass) {
         Chorus::Block block = chorus->beginBlock();
         if (block.nearDelays && sr::simd::wideVectors()) {
             if (mix != 0.0f)
-                processInOnePassWide<true>(left, right, n, block, dry, wet, mix);
+                processInOnePassWide<true>(io, n, block, dry, wet, mix);
             else
-                processInOnePassWide<false>(left, right, n, block, dry, wet, mix);
+                processInOnePassWide<false>(io, n, block, dry, wet, mix);
         } else if (block.nearDelays && mix != 0.0f)
-            processInOnePass<true, true>(left, right, n, block, dry, wet, mix);
+            processInOnePass<true, true>(io, n, block, dry, wet, mix);
         else if (block.nearDelays)
-            processInOnePass<true, false>(left, right, n, block, dry, wet, mix);
+            processInOnePass<true, false>(io, n, block, dry, wet, mix);
         else if (mix != 0.0f)
-            processInOnePass<false, true>(left, right, n, block, dry, wet, mix);
+            processInOnePass<false, true>(io, n, block, dry, wet, mix);
         else
-            processInOnePass<false, false>(left, right, n, block, dry, wet, mix);
+            processInOnePass<false, false>(io, n, block, dry, wet, mix);
         chorus->endBlock(block);
     } else {
         bandSplitter.split(left, right, n);
@@ -247,23 +270,24 @@ void TAV_SR_Chorus_Extension_DSPKernel::processStereo(float* left, float* right,
 //      is x);
 //   6. Chorus Mix: out = sum x mix + input x (1 - mix); at a mix of 0 the input stays.
 template <bool NearDelays, bool MixOpen>
-void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(float* left, float* right, int n,
-                                                         Chorus::Block& block, float dry, float wet,
-                                                         float mix) {
-    onePassLoop<NearDelays, MixOpen, false>(left, right, n, block, dry, wet, mix);
+void TAV_SR_Chorus_Extension_DSPKernel::processInOnePass(Frames io, int n, Chorus::Block& block,
+                                                         float dry, float wet, float mix) {
+    onePassLoop<NearDelays, MixOpen, false>(io, n, block, dry, wet, mix);
 }
 
 template <bool MixOpen>
-void TAV_SR_Chorus_Extension_DSPKernel::processInOnePassWide(float* left, float* right, int n,
-                                                             Chorus::Block& block, float dry,
-                                                             float wet, float mix) {
-    onePassLoop<true, MixOpen, true>(left, right, n, block, dry, wet, mix);
+void TAV_SR_Chorus_Extension_DSPKernel::processInOnePassWide(Frames io, int n, Chorus::Block& block,
+                                                             float dry, float wet, float mix) {
+    onePassLoop<true, MixOpen, true>(io, n, block, dry, wet, mix);
 }
 
 template <bool NearDelays, bool MixOpen, bool Wide>
-inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(float* left, float* right, int n,
-                                                           Chorus::Block& block, float dry,
-                                                           float wet, float mix) {
+inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(Frames io, int n, Chorus::Block& block,
+                                                           float dry, float wet, float mix) {
+    const float* const inLeft = io.inLeft;
+    const float* const inRight = io.inRight;
+    float* const left = io.left;
+    float* const right = io.right;
     using sr::simd::f32x4;
     // Locals, so that the recursions stay in registers.
     BandSplitFilter3::Lanes split = bandSplitter.lanes();
@@ -271,13 +295,13 @@ inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(float* left, float* r
     Chorus::Block::Taps taps;
     const float* noise = globals.denormalkillbuf;
     const float dryMix = 1.0f - mix;
-    f32x4 input = sr::simd::stereo(left[0], right[0]);
+    f32x4 input = sr::simd::stereo(inLeft[0], inRight[0]);
     split.start(input);
     // Frame i, whose taps are at index k.
     auto frame = [&](int i, int k) {
         f32x4 low, middle, high, nextInput{};
         if (i + 1 < n) { // 1
-            nextInput = sr::simd::stereo(left[i + 1], right[i + 1]);
+            nextInput = sr::simd::stereo(inLeft[i + 1], inRight[i + 1]);
             split.next(nextInput, low, middle, high);
         } else {
             split.finish(low, middle, high);

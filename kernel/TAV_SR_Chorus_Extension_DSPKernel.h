@@ -62,21 +62,28 @@ public:
     const EffectGlobals& getEffectGlobals() const { return globals; }
 
 private:
-    void processStereo(float* left, float* right, int frames);
+    // A stereo slice from the input (which may be the output's memory) to the output.
+    void processStereo(const float* inLeft, const float* inRight, float* left, float* right,
+                       int frames);
+    // The one-pass loops read frame i of the input from in, before they write frame i - 1 of
+    // the output: in may be the output itself.
+    struct Frames {
+        const float* inLeft;
+        const float* inRight;
+        float* left;
+        float* right;
+    };
     template <bool NearDelays, bool MixOpen>
-    void processInOnePass(float* left, float* right, int n, Chorus::Block& chorus, float dry,
-                          float wet, float mix);
+    void processInOnePass(Frames io, int n, Chorus::Block& chorus, float dry, float wet, float mix);
     // The same for near delays where the processor has AVX2: the same operations, so the same
     // bits, with the read positions worked out eight frames at a time while the eight frames
     // before them are rendered.
     template <bool MixOpen>
-    [[gnu::target("avx2")]] void processInOnePassWide(float* left, float* right, int n,
-                                                      Chorus::Block& chorus, float dry, float wet,
-                                                      float mix);
+    [[gnu::target("avx2")]] void processInOnePassWide(Frames io, int n, Chorus::Block& chorus,
+                                                      float dry, float wet, float mix);
     template <bool NearDelays, bool MixOpen, bool Wide>
-    [[gnu::always_inline]] inline void onePassLoop(float* left, float* right, int n,
-                                                   Chorus::Block& chorus, float dry, float wet,
-                                                   float mix);
+    [[gnu::always_inline]] inline void onePassLoop(Frames io, int n, Chorus::Block& chorus,
+                                                   float dry, float wet, float mix);
     // The band splitter's cutoffs from the stored split points, each limited by the other.
     void applyLowerSplit();
     void applyUpperSplit();
