@@ -298,14 +298,8 @@ inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(Frames io, int n, Cho
     f32x4 input = sr::simd::stereo(inLeft[0], inRight[0]);
     split.start(input);
     // Frame i, whose taps are at index k.
-    auto frame = [&](int i, int k) {
-        f32x4 low, middle, high, nextInput{};
-        if (i + 1 < n) { // 1
-            nextInput = sr::simd::stereo(inLeft[i + 1], inRight[i + 1]);
-            split.next(nextInput, low, middle, high);
-        } else {
-            split.finish(low, middle, high);
-        }
+    // Steps 2 to 6 of frame i, whose taps are at index k, once its bands are out of step 1.
+    auto rest = [&](int i, int k, f32x4 low, f32x4 middle, f32x4 high, f32x4 nextInput) {
         middle = middle + noise[i];                          // 2
         const f32x4 chorused = chorus.step(taps, k, middle); // 3
         middle = middle * dry + chorused * wet;              // 4
@@ -317,6 +311,18 @@ inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(Frames io, int n, Cho
         }
         input = nextInput;
     };
+    // Every frame but the last: step 1 takes the next frame in.
+    auto frame = [&](int i, int k) {
+        f32x4 low, middle, high;
+        const f32x4 nextInput = sr::simd::stereo(inLeft[i + 1], inRight[i + 1]);
+        split.next(nextInput, low, middle, high); // 1
+        rest(i, k, low, middle, high, nextInput);
+    };
+    auto lastFrame = [&](int i, int k) {
+        f32x4 low, middle, high;
+        split.finish(low, middle, high); // 1
+        rest(i, k, low, middle, high, f32x4{});
+    };
     if constexpr (Wide) {
         // The taps in eight-frame groups around a ring of Taps::kFrames: each group's are
         // worked out (3, ahead) before the frames of the group before it, so that the work
@@ -327,15 +333,18 @@ inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(Frames io, int n, Cho
         lanes.group(taps, 0);
         for (int first = 0; first < n; first += kGroup) {
             if (first + kGroup < n) lanes.group(taps, (first + kGroup) % kRing);
-            const int end = std::min(n, first + kGroup);
+            const int end = std::min(n - 1, first + kGroup);
             for (int i = first; i < end; ++i) frame(i, i % kRing);
         }
+        lastFrame(n - 1, (n - 1) % kRing);
         Chorus::Block::TapLanes<kGroup>::finish(chorus, taps, (n - 1) % kRing, n);
     } else {
         for (int first = 0; first < n; first += Chorus::Block::Taps::kFrames) {
             const int count = std::min(n - first, Chorus::Block::Taps::kFrames);
             chorus.computeTaps<NearDelays>(count, taps); // 3, ahead: where each frame reads
-            for (int k = 0; k < count; ++k) frame(first + k, k);
+            const int notLast = std::min(count, n - 1 - first);
+            for (int k = 0; k < notLast; ++k) frame(first + k, k);
+            if (notLast < count) lastFrame(n - 1, count - 1);
         }
     }
     bandSplitter.setLanes(split);
