@@ -114,6 +114,7 @@ BandSplitFilter3::BandSplitFilter3() {
 }
 
 void BandSplitFilter3::setCutoff1(float v) {
+    releaseLanes();
     if (!(v >= 0.0f && v <= 1.0f)) return;
     cutoff1 = v;
     if (cutoff1 > cutoff2) cutoff1 = cutoff2;
@@ -122,6 +123,7 @@ void BandSplitFilter3::setCutoff1(float v) {
 }
 
 void BandSplitFilter3::setCutoff2(float v) {
+    releaseLanes();
     if (!(v >= 0.0f && v <= 1.0f)) return;
     cutoff2 = v;
     if (cutoff1 > cutoff2) cutoff2 = cutoff1;
@@ -130,6 +132,7 @@ void BandSplitFilter3::setCutoff2(float v) {
 }
 
 void BandSplitFilter3::setSamplerate(float v) {
+    releaseLanes();
     sampleRate = v;
     hpLeft.setSamplerate(v);
     hpRight.setSamplerate(v);
@@ -138,6 +141,7 @@ void BandSplitFilter3::setSamplerate(float v) {
 }
 
 void BandSplitFilter3::init() {
+    releaseLanes();
     clear();
     hpLeft.reset();
     hpRight.reset();

@@ -125,8 +125,14 @@ public:
 
     float getCutoff1() const { return cutoff1; }
     float getCutoff2() const { return cutoff2; }
-    const SVFilter4Pole1& lowPass(int channel) const { return channel ? lpRight : lpLeft; }
-    const SVFilter4Pole1& highPass(int channel) const { return channel ? hpRight : hpLeft; }
+    const SVFilter4Pole1& lowPass(int channel) const {
+        releaseLanes();
+        return channel ? lpRight : lpLeft;
+    }
+    const SVFilter4Pole1& highPass(int channel) const {
+        releaseLanes();
+        return channel ? hpRight : hpLeft;
+    }
 
     // The four filters for loops that split a frame at a time: the high-pass filters (left,
     // right) in lanes 0 and 1, the low-pass filters in lanes 2 and 3. The low-pass filters run
@@ -173,22 +179,40 @@ public:
             middleOut = __builtin_shufflevector(r, r, 2, 3, 2, 3);
         }
     };
-    Lanes lanes() const { return {SVFilter4Pole1::lanes(hpLeft, hpRight, lpLeft, lpRight)}; }
+    // Between blocks the filters' state stays in the lanes it was left in: gathering it from
+    // the four filters and scattering it back costs a short block more than a frame. Anything
+    // that reads or changes the filters themselves puts it back first.
+    Lanes lanes() const {
+        if (!lanesHeld) return {SVFilter4Pole1::lanes(hpLeft, hpRight, lpLeft, lpRight)};
+        return held;
+    }
     void setLanes(const Lanes& l) {
-        hpLeft.fromLane(l.filters, 0);
-        hpRight.fromLane(l.filters, 1);
-        lpLeft.fromLane(l.filters, 2);
-        lpRight.fromLane(l.filters, 3);
+        held = l;
+        lanesHeld = true;
     }
 
     float gainLow = 1.0f, gainMid = 1.0f, gainHigh = 1.0f;
 
 private:
+    // The held lanes' state back into the filters.
+    void releaseLanes() const {
+        if (!lanesHeld) return;
+        hpLeft.fromLane(held.filters, 0);
+        hpRight.fromLane(held.filters, 1);
+        lpLeft.fromLane(held.filters, 2);
+        lpRight.fromLane(held.filters, 3);
+        lanesHeld = false;
+    }
+
     using Band = std::array<float, kMaxFrames>;
 
     float sampleRate = 48000.0f;
     float cutoff1 = 0.33f;
     float cutoff2 = 0.66f;
     Band lowLeft{}, lowRight{}, highLeft{}, highRight{}, midLeft{}, midRight{};
-    SVFilter4Pole1 lpLeft, lpRight, hpLeft, hpRight;
+    // The state lives either in the filters or in the held lanes; reading the filters (a
+    // const access) brings it back into them. Render thread only, as the rest.
+    mutable SVFilter4Pole1 lpLeft, lpRight, hpLeft, hpRight;
+    mutable Lanes held;
+    mutable bool lanesHeld = false;
 };

@@ -348,5 +348,8 @@ inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(Frames io, int n, Cho
         }
     }
     bandSplitter.setLanes(split);
-    block = chorus;
+    // All the loop changes in the block: where it writes next and how far it got.
+    block.write[0] = chorus.write[0];
+    block.write[1] = chorus.write[1];
+    block.done = chorus.done;
 }
