@@ -16,16 +16,13 @@ bool hasAvx2() {
 }
 
 const bool kHasAvx2 = hasAvx2();
-std::atomic<bool> wideAllowed{true};
 
 } // namespace
 
-bool wideVectors() {
-    return kHasAvx2 && wideAllowed.load(std::memory_order_relaxed);
-}
+std::atomic<bool> wideInUse{kHasAvx2};
 
 void allowWideVectors(bool allowed) {
-    wideAllowed.store(allowed, std::memory_order_relaxed);
+    wideInUse.store(allowed && kHasAvx2, std::memory_order_relaxed);
 }
 
 } // namespace sr::simd

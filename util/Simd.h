@@ -7,6 +7,7 @@
 // keeps its output bits.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 
@@ -60,7 +61,11 @@ struct Vec<8> {
 
 // Whether loops that pay for it may take their eight-lane AVX2 versions: true when this
 // processor has AVX2 (found once, when the program or plug-in is loaded), unless turned off.
-bool wideVectors();
+// (Inline: render loops ask it on every block.)
+extern std::atomic<bool> wideInUse;
+inline bool wideVectors() {
+    return wideInUse.load(std::memory_order_relaxed);
+}
 // Tests turn the wide versions off to check the baseline ones; on processors without AVX2 they
 // stay off whatever is asked.
 void allowWideVectors(bool allowed);
