@@ -8,6 +8,11 @@ void DSPKernel::processWithEvents(const AudioTimeStamp* timestamp, AUAudioFrameC
                                   const AURenderEvent* events,
                                   const AUMIDIOutputEventBlock* midiOut) {
     midiOutputEventBlock = midiOut;
+    // Most calls carry no events: one segment, the time not needed.
+    if (!events) {
+        if (frameCount > 0) process(frameCount, 0);
+        return;
+    }
     AUEventSampleTime now =
         timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
     AUAudioFrameCount remaining = frameCount;

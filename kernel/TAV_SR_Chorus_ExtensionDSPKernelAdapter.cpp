@@ -94,8 +94,8 @@ void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUHostTransportStateBlock(
     transportStateBlock = std::move(b);
 }
 
-void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyPendingChanges() {
-    // Plain loads first: the exchanges are locked instructions, and nearly always unneeded.
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyQueuedChanges() {
+    // A plain load first: the exchange is a locked instruction, and often unneeded here.
     if (resetRequested.load(std::memory_order_relaxed) &&
         resetRequested.exchange(false, std::memory_order_acq_rel))
         kernel.reset();
@@ -103,7 +103,8 @@ void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyPendingChanges() {
         [this](std::uint64_t address, float value) { kernel.setParameter(address, value); });
 }
 
-AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
+// Inlined into both entry points, so the per-call checks cost no extra call.
+[[gnu::always_inline]] inline AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
     AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
     AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
     const AURenderEvent* events, AURenderPullInputBlock pull, bool alwaysPull,

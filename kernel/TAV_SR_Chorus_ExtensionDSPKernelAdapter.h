@@ -28,6 +28,10 @@ public:
     AUValue valueForParameter(AUParameter* parameter) const;
     void setParameterEx(std::int32_t address, AUValue value);
     AUValue getParameterEx(std::int32_t address) const;
+    // Render thread: the value the kernel renders with, without looking for one still queued.
+    AUValue renderingValue(AUParameterAddress address) const {
+        return kernel.getParameter(address);
+    }
 
     AUAudioFrameCount maximumFramesToRender() const { return kernel.getMaximumFramesToRender(); }
     void setMaximumFramesToRender(AUAudioFrameCount frames);
@@ -70,7 +74,12 @@ private:
                                  NSInteger outputBusNumber, AudioBufferList* outputData,
                                  const AURenderEvent* events, AURenderPullInputBlock pull,
                                  bool alwaysPull, const AUMIDIOutputEventBlock* midiOut);
-    void applyPendingChanges();
+    // Queued resets and parameter changes, looked for inline: nearly every call has none.
+    void applyPendingChanges() {
+        if (resetRequested.load(std::memory_order_relaxed) || pendingChanges.pending())
+            applyQueuedChanges();
+    }
+    void applyQueuedChanges();
     void setKernelParameter(AUParameterAddress address, AUValue value);
 
     TAV_SR_Chorus_Extension_DSPKernel kernel;

@@ -118,13 +118,52 @@ void PeakLimiter::limitFrame(float* const* channels, std::uint32_t count, std::u
 
 void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
                           std::uint32_t frames) {
-    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
     float* used[kMaxChannels];
     std::uint32_t count = 0;
     if (channels != nullptr) {
         for (std::uint32_t c = 0; c < std::min(channelCount, kMaxChannels); ++c)
             if (channels[c] != nullptr) used[count++] = channels[c];
     }
+    if (count == 2)
+        processChannels<2>(used, count, frames);
+    else
+        processChannels<0>(used, count, frames);
+}
+
+void PeakLimiter::processStereo(float* left, float* right, std::uint32_t frames) {
+    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
+    // The idle groups as in processChannels, with both channels' pointers in registers (the
+    // usual call ends here); the rest from the first group that needs more.
+    std::uint32_t begin = 0;
+    if (idle()) {
+        const simd::f32x4 g = simd::splat(preGainFactor);
+        const simd::f32x4 ceiling = simd::splat(1.0f);
+        for (; begin + kGroup <= frames; begin += kGroup) {
+            const simd::f32x4 l0 = simd::load(left + begin) * g;
+            const simd::f32x4 l1 = simd::load(left + begin + 4) * g;
+            const simd::f32x4 r0 = simd::load(right + begin) * g;
+            const simd::f32x4 r1 = simd::load(right + begin + 4) * g;
+            const simd::i32x4 good = (simd::abs(l0) <= ceiling) & (simd::abs(l1) <= ceiling) &
+                                     (simd::abs(r0) <= ceiling) & (simd::abs(r1) <= ceiling);
+            if (!simd::all(good)) break;
+            simd::store(left + begin, l0);
+            simd::store(left + begin + 4, l1);
+            simd::store(right + begin, r0);
+            simd::store(right + begin + 4, r1);
+        }
+        if (begin > 0) lastApplied = 1.0;
+    }
+    if (begin == frames) {
+        lastGain.store(float(lastApplied), std::memory_order_relaxed);
+        return;
+    }
+    float* const rest[2] = {left + begin, right + begin};
+    processChannels<2>(rest, 2, frames - begin);
+}
+
+template <std::uint32_t Channels>
+void PeakLimiter::processChannels(float* const* used, std::uint32_t count, std::uint32_t frames) {
+    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
     if (count == 0 || frames == 0) return;
 
     const simd::f32x4 g = simd::splat(preGainFactor);
@@ -133,9 +172,7 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
             // Whole groups while nothing reaches the ceiling; the per-frame path gives the same
             // bits for such frames, this is only faster.
             const std::uint32_t from = begin;
-            while (begin + kGroup <= frames &&
-                   (count == 2 ? scaleBelowCeiling<2>(used, count, begin, g)
-                               : scaleBelowCeiling<0>(used, count, begin, g)))
+            while (begin + kGroup <= frames && scaleBelowCeiling<Channels>(used, count, begin, g))
                 begin += kGroup;
             if (begin > from) lastApplied = 1.0;
             if (begin == frames) break;

@@ -47,16 +47,27 @@ AURenderBlock PeakLimiterUnit::internalRenderBlock() {
             const AUAudioUnitStatus status =
                 pullInputBlock(actionFlags, timestamp, frameCount, 0, outputData);
             if (status != noErr) return status;
-
-            float* channels[AudioBufferList::kMaxBuffers] = {};
-            const std::uint32_t count = outputData->mNumberBuffers;
-            for (std::uint32_t c = 0; c < count; ++c) {
-                AudioBuffer& buffer = outputData->mBuffers[c];
-                if (!buffer.mData || buffer.mDataByteSize < frameCount * sizeof(float))
-                    return kAudioUnitErr_InvalidParameter;
-                channels[c] = static_cast<float*>(buffer.mData);
-            }
-            limiter.process(channels, count, frameCount);
-            return noErr;
+            return renderInPlace(frameCount, outputData);
         };
+}
+
+AUAudioUnitStatus PeakLimiterUnit::renderInPlace(AUAudioFrameCount frameCount,
+                                                 AudioBufferList* outputData) {
+    if (!renderResourcesAllocated()) return kAudioUnitErr_Uninitialized;
+    if (frameCount > maximumFramesToRender()) return kAudioUnitErr_TooManyFramesToProcess;
+    if (!outputData || outputData->mNumberBuffers > AudioBufferList::kMaxBuffers)
+        return kAudioUnitErr_InvalidParameter;
+    float* channels[AudioBufferList::kMaxBuffers] = {};
+    const std::uint32_t count = outputData->mNumberBuffers;
+    for (std::uint32_t c = 0; c < count; ++c) {
+        AudioBuffer& buffer = outputData->mBuffers[c];
+        if (!buffer.mData || buffer.mDataByteSize < frameCount * sizeof(float))
+            return kAudioUnitErr_InvalidParameter;
+        channels[c] = static_cast<float*>(buffer.mData);
+    }
+    if (count == 2)
+        limiter.processStereo(channels[0], channels[1], frameCount);
+    else
+        limiter.process(channels, count, frameCount);
+    return noErr;
 }

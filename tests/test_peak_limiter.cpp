@@ -42,6 +42,16 @@ Stereo run(PeakLimiter& limiter, Stereo in, std::vector<std::size_t> sizes) {
     return in;
 }
 
+// The same through the two-channel entry the plug-in uses.
+Stereo runStereo(PeakLimiter& limiter, Stereo in, std::vector<std::size_t> sizes) {
+    for (std::size_t at = 0, k = 0; at < in.size(); ++k) {
+        const std::size_t n = std::min(sizes[k % sizes.size()], in.size() - at);
+        limiter.processStereo(in.left.data() + at, in.right.data() + at, std::uint32_t(n));
+        at += n;
+    }
+    return in;
+}
+
 // The largest input whose product with `g` still rounds to at most 1.0f: the very edge of the
 // pass-through path. Its exact product may be slightly above 1.
 float largestPassing(float g) {
@@ -219,8 +229,8 @@ TEST(PeakLimiter, BlockSizeAndResetDoNotChangeTheOutput) {
     const float edge = largestPassing(g);
     ASSERT_GT(double(edge) * g, 1.0);
     for (std::size_t i = 29990; i < 30000; ++i) in.left[i] = in.right[i] = edge;
-    PeakLimiter whole, single, used;
-    for (auto* l : {&whole, &single, &used}) l->setPreGain(6.0);
+    PeakLimiter whole, single, used, stereo;
+    for (auto* l : {&whole, &single, &used, &stereo}) l->setPreGain(6.0);
     const auto reference = run(whole, in, {4096});
     const auto bySample = run(single, in, {1});
     EXPECT_TRUE(sr::test::bitIdentical(reference.left, bySample.left) &&
@@ -235,6 +245,13 @@ TEST(PeakLimiter, BlockSizeAndResetDoNotChangeTheOutput) {
     const auto out = run(used, in, {1, 7, 64, 333, 31, 4096, 2});
     EXPECT_TRUE(sr::test::bitIdentical(reference.left, out.left) &&
                 sr::test::bitIdentical(reference.right, out.right));
+
+    // The two-channel entry, in blocks that start idle groups, peaks and recoveries at every
+    // offset within a group; and an empty call changes nothing.
+    const auto viaStereo = runStereo(stereo, in, {16, 8, 3, 0, 64, 13, 512, 1, 4096});
+    EXPECT_TRUE(sr::test::bitIdentical(reference.left, viaStereo.left) &&
+                sr::test::bitIdentical(reference.right, viaStereo.right));
+    EXPECT_EQ(stereo.currentGain(), whole.currentGain());
 }
 
 } // namespace
