@@ -297,13 +297,14 @@ void Plugin::readPorts() {
     adoptPorts = false;
 }
 
-const LV2_Atom_Sequence* Plugin::inputSequence() const {
-    return midiIn && map && midiIn->atom.type == uris.atomSequence ? midiIn : nullptr;
+const LV2_Atom_Sequence* Plugin::inputEvents() const {
+    return midiIn && map && midiIn->atom.type == uris.atomSequence &&
+                   midiIn->atom.size > sizeof(LV2_Atom_Sequence_Body)
+               ? midiIn
+               : nullptr;
 }
 
-void Plugin::readRequests() {
-    const LV2_Atom_Sequence* input = inputSequence();
-    if (!input) return;
+void Plugin::readRequests(const LV2_Atom_Sequence* input) {
     LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
         if (ev->body.type != uris.atomObject || ev->body.size < sizeof(LV2_Atom_Object_Body))
             continue;
@@ -330,7 +331,6 @@ void Plugin::readRequests() {
 }
 
 void Plugin::reportEffectiveValues() {
-    // Nothing to tell while no value changed since all was told and nobody asked.
     const std::uint64_t changes = tree->valueChangeCount();
     if (changes == reportedChanges && !reportOwed) return;
     reportOwed = true; // until every value found room
@@ -436,17 +436,19 @@ void Plugin::run(std::uint32_t frames) {
     mainQueue.drain();
     midiWriter.begin(map ? midiOut : nullptr);
     notifyWriter.begin(map ? notify : nullptr);
-    readRequests();
+    // Most calls bring no events: the sequence is then not walked at all.
+    const LV2_Atom_Sequence* input = inputEvents();
+    if (input) readRequests(input);
 
     const bool audio = audioIn[0] && audioIn[1] && audioOut[0] && audioOut[1];
     portChangeCount = 0;
     // Without audio there is no call for port changes to ride on: they wait for the next run.
     if (frames > 0 && audio) readPorts();
-    reportEffectiveValues();
+    // Nothing to tell while no value changed since all was told and nobody asked.
+    if (reportOwed || tree->valueChangeCount() != reportedChanges) reportEffectiveValues();
 
     if (frames > 0 && audio) {
-        auto forEachMidi = [this](auto&& visit) {
-            const LV2_Atom_Sequence* input = inputSequence();
+        auto forEachMidi = [this, input](auto&& visit) {
             if (!input) return;
             LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
                 if (ev->body.type == uris.midiEvent)
@@ -461,7 +463,7 @@ void Plugin::run(std::uint32_t frames) {
         log("WARNING: run() without all four audio ports connected renders nothing");
     }
     sendInputSamples();
-    reportDrops();
+    if (midiDropped + cycle.midiDropped() != midiDroppedReported) reportDrops();
     midiWriter.end();
     notifyWriter.end();
 }

@@ -225,6 +225,26 @@ TEST(Lv2Plugin, InPlaceAliasedAndEmptyRunsKeepToTheBuffers) {
             << "block at " << at;
         ASSERT_TRUE(std::all_of(out.begin() + 256, out.end(), [](float v) { return v != v; }));
     }
+
+    // Outputs that overlap in part, the right one 3 floats above the left or 5 below it: the
+    // memory holds what writing the left channel, then the right one, would leave.
+    for (const auto& [leftAt, rightAt] : {std::pair{0, 3}, std::pair{5, 0}}) {
+        Instance partial;
+        for (std::size_t at = 0; at < in.size(); at += 256) {
+            test::Stereo scratch(in.size());
+            partial.run(in, scratch, at, 0);
+            std::vector<float> shared(256 + 16, std::nanf(""));
+            lilv_instance_connect_port(partial.raw, kOutL, shared.data() + leftAt);
+            lilv_instance_connect_port(partial.raw, kOutR, shared.data() + rightAt);
+            lilv_instance_run(partial.raw, 256);
+            std::vector<float> want(256 + 16, std::nanf(""));
+            std::copy_n(expected.left.begin() + long(at), 256, want.begin() + leftAt);
+            std::copy_n(expected.right.begin() + long(at), 256, want.begin() + rightAt);
+            ASSERT_TRUE(std::equal(want.begin(), want.end(), shared.begin(),
+                                   [](float a, float b) { return a == b || (a != a && b != b); }))
+                << "left at " << leftAt << ", right at " << rightAt << ", block at " << at;
+        }
+    }
 }
 
 TEST(Lv2Plugin, BoundControllerActsOneRunLaterUntilThePortMoves) {
