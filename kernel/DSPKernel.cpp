@@ -4,15 +4,8 @@
 
 #include "util/SafeConvert.h"
 
-void DSPKernel::processWithEvents(const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
-                                  const AURenderEvent* events,
-                                  const AUMIDIOutputEventBlock* midiOut) {
-    midiOutputEventBlock = midiOut;
-    // Most calls carry no events: one segment, the time not needed.
-    if (!events) {
-        if (frameCount > 0) process(frameCount, 0);
-        return;
-    }
+void DSPKernel::processSegments(const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
+                                const AURenderEvent* events) {
     AUEventSampleTime now =
         timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
     AUAudioFrameCount remaining = frameCount;

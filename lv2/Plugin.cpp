@@ -250,8 +250,9 @@ void Plugin::activate() {
 bool Plugin::portsUnchanged() const {
     simd::i32x4 differs{};
     simd::i32x4 nowBits, before;
-    std::size_t i = 0;
     if (controlArray) {
+        std::size_t i = 0;
+#pragma GCC unroll 8
         for (; i + 4 <= kParameterCount; i += 4) {
             std::memcpy(&nowBits, controlArray + i, sizeof nowBits);
             std::memcpy(&before, &portBits[i], sizeof before);
@@ -259,7 +260,7 @@ bool Plugin::portsUnchanged() const {
         }
         for (; i < kParameterCount; ++i) differs[0] |= bitsOf(controlArray[i]) ^ portBits[i];
     } else {
-        for (; i < kControlSlots; i += 4) {
+        for (std::size_t i = 0; i < kControlSlots; i += 4) {
             const simd::f32x4 now{*controls[i], *controls[i + 1], *controls[i + 2],
                                   *controls[i + 3]};
             std::memcpy(&nowBits, &now, sizeof now);
@@ -267,7 +268,8 @@ bool Plugin::portsUnchanged() const {
             differs |= nowBits ^ before;
         }
     }
-    return (differs[0] | differs[1] | differs[2] | differs[3]) == 0;
+    // Every lane zero, told by one comparison and one mask.
+    return simd::all(differs == 0);
 }
 
 void Plugin::readPorts() {
