@@ -464,7 +464,7 @@ void Plugin::run(std::uint32_t frames) {
         audioWarned = true;
         log("WARNING: run() without all four audio ports connected renders nothing");
     }
-    sendInputSamples();
+    if (inputTap.isOpen()) sendInputSamples();
     if (midiDropped + cycle.midiDropped() != midiDroppedReported) reportDrops();
     midiWriter.end();
     notifyWriter.end();
