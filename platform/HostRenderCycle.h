@@ -2,7 +2,7 @@
 // render block: the host's stereo buffers are cut into render calls of at most the unit's
 // maximumFramesToRender; each call's event list holds the host's parameter changes (at the
 // cycle's first frame) and the MIDI messages that fall inside the call, at their frames.
-// Everything is sized beforehand (the event list here, the scratch buffers by prepare()): a
+// Everything is sized beforehand (the event list here, the scratch buffer by prepare()): a
 // cycle allocates nothing, takes no lock and makes no system call.
 // Threading: prepare() while no cycle runs; render() and outputFrame() on the render thread.
 #pragma once
