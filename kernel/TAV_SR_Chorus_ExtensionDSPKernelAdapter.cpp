@@ -103,54 +103,6 @@ void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyQueuedChanges() {
         [this](std::uint64_t address, float value) { kernel.setParameter(address, value); });
 }
 
-// Inlined into both entry points, so the per-call checks cost no extra call.
-[[gnu::always_inline]] inline AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
-    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
-    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
-    const AURenderEvent* events, AURenderPullInputBlock pull, bool alwaysPull,
-    const AUMIDIOutputEventBlock* midiOut) {
-    if (frameCount > kernel.getMaximumFramesToRender() || frameCount > inputBus_.maxFrames)
-        return inputBus_.storage ? kAudioUnitErr_TooManyFramesToProcess
-                                 : kAudioUnitErr_Uninitialized;
-    if (!outputData || outputData->mNumberBuffers > AudioBufferList::kMaxBuffers)
-        return kAudioUnitErr_InvalidParameter;
-    applyPendingChanges();
-
-    if (alwaysPull || pull) {
-        const AUAudioUnitStatus status =
-            inputBus_.pullInput(actionFlags, timestamp, frameCount, 0, pull);
-        if (status != noErr) return status;
-    }
-    AudioBufferList* input = inputBus_.mutableBufferList;
-    inputPeak.measure(input, frameCount);
-    if (outputData->mNumberBuffers > 0 && outputData->mBuffers[0].mData == nullptr) {
-        // In place: the output is rendered into the input storage.
-        for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i) {
-            const bool has = i < input->mNumberBuffers;
-            outputData->mBuffers[i].mData = has ? input->mBuffers[i].mData : nullptr;
-            outputData->mBuffers[i].mDataByteSize =
-                has ? frameCount * std::uint32_t(sizeof(float)) : 0;
-        }
-    }
-    // Never write past what the host handed us.
-    for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i)
-        if (outputData->mBuffers[i].mData &&
-            outputData->mBuffers[i].mDataByteSize < frameCount * sizeof(float))
-            return kAudioUnitErr_InvalidParameter;
-
-    kernel.setBuffers(input, outputData, int(outputBusNumber));
-    kernel.processWithEvents(timestamp, frameCount, events, midiOut);
-    return noErr;
-}
-
-AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::render(
-    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
-    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
-    const AURenderEvent* realtimeEventListHead, AURenderPullInputBlock pullInputBlock) {
-    return renderPath(actionFlags, timestamp, frameCount, outputBusNumber, outputData,
-                      realtimeEventListHead, pullInputBlock, false, &midiOutputEventBlock);
-}
-
 AURenderBlock TAV_SR_Chorus_ExtensionDSPKernelAdapter::internalRenderBlock() {
     auto midiOut = std::make_shared<const AUMIDIOutputEventBlock>(midiOutputEventBlock);
     return [this, midiOut](AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
