@@ -287,94 +287,70 @@ void TAV_SR_Chorus_Extension_AudioUnit::deallocateRenderResources() {
 
 // ---- render block ------------------------------------------------------------------------------
 
-AUAudioUnitStatus TAV_SR_Chorus_Extension_AudioUnit::renderWithLimiter(
-    AURenderBlock& wrappedBlock, AudioUnitRenderActionFlags* actionFlags,
-    const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount, AudioBufferList* outputData) {
-    // The kernel's output is the limiter's input: same buffers, processed in place.
-    auto presentKernelOutput = [outputData](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
-                                            AUAudioFrameCount frames, NSInteger,
-                                            AudioBufferList* input) -> AUAudioUnitStatus {
-        // The limiter pulls into the list it renders in, which holds the kernel's output.
-        if (input == outputData) return noErr;
-        if (input->mNumberBuffers > outputData->mNumberBuffers)
-            return kAudioUnitErr_InvalidParameter;
-        for (std::uint32_t c = 0; c < input->mNumberBuffers; ++c) {
-            const AudioBuffer& from = outputData->mBuffers[c];
-            AudioBuffer& to = input->mBuffers[c];
-            if (!to.mData)
-                to.mData = from.mData;
-            else if (to.mData != from.mData && from.mData)
-                std::copy_n(static_cast<const float*>(from.mData), frames,
-                            static_cast<float*>(to.mData));
-            to.mDataByteSize = from.mDataByteSize;
-        }
-        return noErr;
-    };
-    return wrappedBlock(actionFlags, timestamp, frameCount, 0, outputData, nullptr,
-                        presentKernelOutput);
+AUAudioUnitStatus
+TAV_SR_Chorus_Extension_AudioUnit::renderWithLimiter(AUAudioFrameCount frameCount,
+                                                     AudioBufferList* outputData) {
+    // The kernel's output is the limiter's input: the limiter would pull into the list it
+    // renders in, which already holds that output, so it is called past the pull.
+    return wrapped().renderInPlace(frameCount, outputData);
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::forwardEvents(const AURenderEvent* head,
+                                                      const AudioTimeStamp* timestamp,
+                                                      const AUMIDIOutputEventBlock& midiOut) {
+    const AUEventSampleTime start =
+        timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
+    for (const AURenderEvent* event = head; event; event = event->head.next) {
+        traceEvent(event, 0, instance);
+        const AURenderEventType type = event->head.eventType;
+        if (type != AURenderEventMIDI && type != AURenderEventMIDISysEx) continue;
+        monitor_.record(AUMIDIEventEx::from(event->MIDI));
+        // All MIDI leaves on the one output, at its frame within this call.
+        if (midiOut && midiOut(AUEventSampleTimeImmediate + (event->head.eventSampleTime - start),
+                               event->MIDI.cable, event->MIDI.length, event->MIDI.bytes()) != noErr)
+            log_.safeprint("SENDING MIDI OUT failed!\n");
+    }
+    // The whole list is handed over once, so each event reaches the mapping once and in order
+    // (walking the rest of the list again for every event would multiply the tasks).
+    processIncomingEvents(head);
+}
+
+void TAV_SR_Chorus_Extension_AudioUnit::logRenderProblem(const char* what, NSInteger code) const {
+    sr::LineBuilder<> line;
+    line << kPrefix << "::internalRenderBlock : " << what << std::int64_t(code) << "\n";
+    log_.safeprint(line.view());
 }
 
 AURenderBlock TAV_SR_Chorus_Extension_AudioUnit::internalRenderBlock() {
     TAV_SR_Chorus_ExtensionDSPKernelAdapter* adapter = kernelAdapter_.get();
-    auto wrappedBlock = std::make_shared<AURenderBlock>(wrapped().renderBlock());
     auto midiOut =
         std::make_shared<const AUMIDIOutputEventBlock>(AUAudioUnit::MIDIOutputEventBlock());
 
-    return [this, adapter, wrappedBlock,
-            midiOut](AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
-                     AUAudioFrameCount frameCount, NSInteger outputBusNumber,
-                     AudioBufferList* outputData, const AURenderEvent* realtimeEventListHead,
-                     AURenderPullInputBlock pullInputBlock) -> AUAudioUnitStatus {
+    // The usual call (no events, nothing wrong) runs straight through; events and log lines
+    // are handled out of line.
+    return [this, adapter, midiOut](AudioUnitRenderActionFlags* actionFlags,
+                                    const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
+                                    NSInteger outputBusNumber, AudioBufferList* outputData,
+                                    const AURenderEvent* realtimeEventListHead,
+                                    AURenderPullInputBlock pullInputBlock) -> AUAudioUnitStatus {
         const sr::FlushDenormals flush;
-        if (outputBusNumber != 0) {
-            sr::LineBuilder<> line;
-            line << kPrefix << "::internalRenderBlock : WARNING: We have a got a bus number != 0 : "
-                 << std::int64_t(outputBusNumber) << "\n";
-            log_.safeprint(line.view());
+        if (outputBusNumber != 0) [[unlikely]] {
+            logRenderProblem("WARNING: We have a got a bus number != 0 : ", outputBusNumber);
             return noErr;
         }
-
-        if (realtimeEventListHead) {
-            const AUEventSampleTime start =
-                timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
-            for (const AURenderEvent* event = realtimeEventListHead; event;
-                 event = event->head.next) {
-                traceEvent(event, outputBusNumber, instance);
-                const AURenderEventType type = event->head.eventType;
-                if (type != AURenderEventMIDI && type != AURenderEventMIDISysEx) continue;
-                monitor_.record(AUMIDIEventEx::from(event->MIDI));
-                // All MIDI leaves on the one output, at its frame within this call.
-                if (*midiOut &&
-                    (*midiOut)(AUEventSampleTimeImmediate + (event->head.eventSampleTime - start),
-                               event->MIDI.cable, event->MIDI.length, event->MIDI.bytes()) != noErr)
-                    log_.safeprint("SENDING MIDI OUT failed!\n");
-            }
-            // The whole list is handed over once, so each event reaches the mapping once and in
-            // order (walking the rest of the list again for every event would multiply the
-            // tasks).
-            processIncomingEvents(realtimeEventListHead);
-        }
+        if (realtimeEventListHead) forwardEvents(realtimeEventListHead, timestamp, *midiOut);
 
         const AUAudioUnitStatus status =
             adapter->render(actionFlags, timestamp, frameCount, 0, outputData,
                             realtimeEventListHead, pullInputBlock);
-        if (status != noErr) {
-            sr::LineBuilder<> line;
-            line << kPrefix << "::internalRenderBlock : ERROR: We have a problem with the kernel! "
-                 << std::int32_t(status) << "\n";
-            log_.safeprint(line.view());
-        }
+        if (status != noErr) [[unlikely]]
+            logRenderProblem("ERROR: We have a problem with the kernel! ", status);
 
-        if (adapter->getParameterEx(sr::kFinalLimit) == 1.0f) {
-            const AUAudioUnitStatus limited =
-                renderWithLimiter(*wrappedBlock, actionFlags, timestamp, frameCount, outputData);
-            if (limited != noErr) {
-                sr::LineBuilder<> line;
-                line << kPrefix
-                     << "::internalRenderBlock : ERROR: We have a problem with the wrapped unit! "
-                     << std::int32_t(limited) << "\n";
-                log_.safeprint(line.view());
-            }
+        // The value the kernel rendered this call with.
+        if (adapter->renderingValue(sr::kFinalLimit) == 1.0f) {
+            const AUAudioUnitStatus limited = renderWithLimiter(frameCount, outputData);
+            if (limited != noErr) [[unlikely]]
+                logRenderProblem("ERROR: We have a problem with the wrapped unit! ", limited);
         }
         if (status == noErr) outputPeak.measure(outputData, frameCount);
         return status;

@@ -169,10 +169,13 @@ private:
 
     void setSamplerate();
     void propagateFormats();
-    AUAudioUnitStatus renderWithLimiter(AURenderBlock& wrappedBlock,
-                                        AudioUnitRenderActionFlags* actionFlags,
-                                        const AudioTimeStamp* timestamp,
-                                        AUAudioFrameCount frameCount, AudioBufferList* outputData);
+    // The output limiter on the kernel's output, in place.
+    AUAudioUnitStatus renderWithLimiter(AUAudioFrameCount frameCount, AudioBufferList* outputData);
+    // A call's events: traced, recorded for the monitor, MIDI sent on, controllers mapped.
+    [[gnu::noinline]] void forwardEvents(const AURenderEvent* head, const AudioTimeStamp* timestamp,
+                                         const AUMIDIOutputEventBlock& midiOut);
+    // A render block's log line: the text, then the number.
+    [[gnu::noinline, gnu::cold]] void logRenderProblem(const char* what, NSInteger code) const;
 
     const NSInteger instance;
     sr::MainQueueExecutor& mainQueue;

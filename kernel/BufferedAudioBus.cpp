@@ -21,24 +21,3 @@ void BufferedAudioBus::deallocateRenderResources() {
     allocatedBufferList = nullptr;
     mutableBufferList = nullptr;
 }
-
-AUAudioUnitStatus BufferedInputBus::pullInput(AudioUnitRenderActionFlags* actionFlags,
-                                              const AudioTimeStamp* timestamp,
-                                              AUAudioFrameCount frameCount,
-                                              NSInteger inputBusNumber,
-                                              AURenderPullInputBlock pullInputBlock) {
-    if (!pullInputBlock) return kAudioUnitErr_NoConnection;
-    prepareInputBufferList();
-    return pullInputBlock(actionFlags, timestamp, frameCount, inputBusNumber, mutableBufferList);
-}
-
-void BufferedInputBus::prepareInputBufferList() {
-    if (!allocatedBufferList || !mutableBufferList) return;
-    mutableBufferList->mNumberBuffers = allocatedBufferList->mNumberBuffers;
-    for (std::uint32_t i = 0; i < allocatedBufferList->mNumberBuffers; ++i) {
-        mutableBufferList->mBuffers[i].mNumberChannels =
-            allocatedBufferList->mBuffers[i].mNumberChannels;
-        mutableBufferList->mBuffers[i].mData = allocatedBufferList->mBuffers[i].mData;
-        mutableBufferList->mBuffers[i].mDataByteSize = maxFrames * std::uint32_t(sizeof(float));
-    }
-}

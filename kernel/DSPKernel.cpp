@@ -4,10 +4,8 @@
 
 #include "util/SafeConvert.h"
 
-void DSPKernel::processWithEvents(const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
-                                  const AURenderEvent* events,
-                                  const AUMIDIOutputEventBlock* midiOut) {
-    midiOutputEventBlock = midiOut;
+void DSPKernel::processSegments(const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
+                                const AURenderEvent* events) {
     AUEventSampleTime now =
         timestamp ? sr::truncSaturate<AUEventSampleTime>(timestamp->mSampleTime) : 0;
     AUAudioFrameCount remaining = frameCount;

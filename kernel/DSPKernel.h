@@ -16,8 +16,17 @@ public:
 
     // Renders frameCount frames, applying every event of the list at its frame. Events stamped
     // before the buffer apply at its start, events past its end apply at its end.
+    // Inline for the usual call without events: one segment, and the caller, which knows
+    // the kernel's type, calls its process() directly.
     void processWithEvents(const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
-                           const AURenderEvent* events, const AUMIDIOutputEventBlock* midiOut);
+                           const AURenderEvent* events, const AUMIDIOutputEventBlock* midiOut) {
+        midiOutputEventBlock = midiOut;
+        if (!events) {
+            if (frameCount > 0) process(frameCount, 0);
+            return;
+        }
+        processSegments(timestamp, frameCount, events);
+    }
 
 protected:
     DSPKernel() = default;
@@ -27,6 +36,8 @@ protected:
     const AUMIDIOutputEventBlock* midiOutputEventBlock = nullptr;
 
 private:
+    void processSegments(const AudioTimeStamp* timestamp, AUAudioFrameCount frameCount,
+                         const AURenderEvent* events);
     void performAllSimultaneousEvents(AUEventSampleTime now, const AURenderEvent*& event);
     void handleOneEvent(const AURenderEvent* event);
 };

@@ -36,6 +36,11 @@ public:
         overflowMask.fetch_or(1u << address, std::memory_order_release);
     }
 
+    // Render thread: whether drain() has anything to apply (two loads; usually false).
+    bool pending() const {
+        return queue.ready() || overflowMask.load(std::memory_order_relaxed) != 0;
+    }
+
     // Render thread: apply(address, value) for every change, oldest first.
     template <typename Apply>
     void drain(Apply&& apply) {

@@ -94,60 +94,13 @@ void TAV_SR_Chorus_ExtensionDSPKernelAdapter::setAUHostTransportStateBlock(
     transportStateBlock = std::move(b);
 }
 
-void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyPendingChanges() {
-    // Plain loads first: the exchanges are locked instructions, and nearly always unneeded.
+void TAV_SR_Chorus_ExtensionDSPKernelAdapter::applyQueuedChanges() {
+    // A plain load first: the exchange is a locked instruction, and often unneeded here.
     if (resetRequested.load(std::memory_order_relaxed) &&
         resetRequested.exchange(false, std::memory_order_acq_rel))
         kernel.reset();
     pendingChanges.drain(
         [this](std::uint64_t address, float value) { kernel.setParameter(address, value); });
-}
-
-AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
-    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
-    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
-    const AURenderEvent* events, AURenderPullInputBlock pull, bool alwaysPull,
-    const AUMIDIOutputEventBlock* midiOut) {
-    if (frameCount > kernel.getMaximumFramesToRender() || frameCount > inputBus_.maxFrames)
-        return inputBus_.storage ? kAudioUnitErr_TooManyFramesToProcess
-                                 : kAudioUnitErr_Uninitialized;
-    if (!outputData || outputData->mNumberBuffers > AudioBufferList::kMaxBuffers)
-        return kAudioUnitErr_InvalidParameter;
-    applyPendingChanges();
-
-    if (alwaysPull || pull) {
-        const AUAudioUnitStatus status =
-            inputBus_.pullInput(actionFlags, timestamp, frameCount, 0, pull);
-        if (status != noErr) return status;
-    }
-    AudioBufferList* input = inputBus_.mutableBufferList;
-    inputPeak.measure(input, frameCount);
-    if (outputData->mNumberBuffers > 0 && outputData->mBuffers[0].mData == nullptr) {
-        // In place: the output is rendered into the input storage.
-        for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i) {
-            const bool has = i < input->mNumberBuffers;
-            outputData->mBuffers[i].mData = has ? input->mBuffers[i].mData : nullptr;
-            outputData->mBuffers[i].mDataByteSize =
-                has ? frameCount * std::uint32_t(sizeof(float)) : 0;
-        }
-    }
-    // Never write past what the host handed us.
-    for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i)
-        if (outputData->mBuffers[i].mData &&
-            outputData->mBuffers[i].mDataByteSize < frameCount * sizeof(float))
-            return kAudioUnitErr_InvalidParameter;
-
-    kernel.setBuffers(input, outputData, int(outputBusNumber));
-    kernel.processWithEvents(timestamp, frameCount, events, midiOut);
-    return noErr;
-}
-
-AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::render(
-    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
-    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
-    const AURenderEvent* realtimeEventListHead, AURenderPullInputBlock pullInputBlock) {
-    return renderPath(actionFlags, timestamp, frameCount, outputBusNumber, outputData,
-                      realtimeEventListHead, pullInputBlock, false, &midiOutputEventBlock);
 }
 
 AURenderBlock TAV_SR_Chorus_ExtensionDSPKernelAdapter::internalRenderBlock() {

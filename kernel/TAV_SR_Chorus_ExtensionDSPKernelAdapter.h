@@ -28,6 +28,10 @@ public:
     AUValue valueForParameter(AUParameter* parameter) const;
     void setParameterEx(std::int32_t address, AUValue value);
     AUValue getParameterEx(std::int32_t address) const;
+    // Render thread: the value the kernel renders with, without looking for one still queued.
+    AUValue renderingValue(AUParameterAddress address) const {
+        return kernel.getParameter(address);
+    }
 
     AUAudioFrameCount maximumFramesToRender() const { return kernel.getMaximumFramesToRender(); }
     void setMaximumFramesToRender(AUAudioFrameCount frames);
@@ -70,7 +74,12 @@ private:
                                  NSInteger outputBusNumber, AudioBufferList* outputData,
                                  const AURenderEvent* events, AURenderPullInputBlock pull,
                                  bool alwaysPull, const AUMIDIOutputEventBlock* midiOut);
-    void applyPendingChanges();
+    // Queued resets and parameter changes, looked for inline: nearly every call has none.
+    void applyPendingChanges() {
+        if (resetRequested.load(std::memory_order_relaxed) || pendingChanges.pending())
+            applyQueuedChanges();
+    }
+    void applyQueuedChanges();
     void setKernelParameter(AUParameterAddress address, AUValue value);
 
     TAV_SR_Chorus_Extension_DSPKernel kernel;
@@ -86,3 +95,52 @@ private:
     sr::PeakMeter inputPeak;
     sr::ParameterChangeQueue pendingChanges;
 };
+
+// Defined here, so that the audio unit's render block and this object's own compile the
+// per-call checks into their own code, without a call in between.
+inline AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::renderPath(
+    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
+    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
+    const AURenderEvent* events, AURenderPullInputBlock pull, bool alwaysPull,
+    const AUMIDIOutputEventBlock* midiOut) {
+    if (frameCount > kernel.getMaximumFramesToRender() || frameCount > inputBus_.maxFrames)
+        return inputBus_.storage ? kAudioUnitErr_TooManyFramesToProcess
+                                 : kAudioUnitErr_Uninitialized;
+    if (!outputData || outputData->mNumberBuffers > AudioBufferList::kMaxBuffers)
+        return kAudioUnitErr_InvalidParameter;
+    applyPendingChanges();
+
+    if (alwaysPull || pull) {
+        const AUAudioUnitStatus status =
+            inputBus_.pullInput(actionFlags, timestamp, frameCount, 0, pull);
+        if (status != noErr) return status;
+    }
+    AudioBufferList* input = inputBus_.mutableBufferList;
+    inputPeak.measure(input, frameCount);
+    if (outputData->mNumberBuffers > 0 && outputData->mBuffers[0].mData == nullptr) {
+        // In place: the output is rendered into the input storage.
+        for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i) {
+            const bool has = i < input->mNumberBuffers;
+            outputData->mBuffers[i].mData = has ? input->mBuffers[i].mData : nullptr;
+            outputData->mBuffers[i].mDataByteSize =
+                has ? frameCount * std::uint32_t(sizeof(float)) : 0;
+        }
+    }
+    // Never write past what the host handed us.
+    for (std::uint32_t i = 0; i < outputData->mNumberBuffers; ++i)
+        if (outputData->mBuffers[i].mData &&
+            outputData->mBuffers[i].mDataByteSize < frameCount * sizeof(float))
+            return kAudioUnitErr_InvalidParameter;
+
+    kernel.setBuffers(input, outputData, int(outputBusNumber));
+    kernel.processWithEvents(timestamp, frameCount, events, midiOut);
+    return noErr;
+}
+
+inline AUAudioUnitStatus TAV_SR_Chorus_ExtensionDSPKernelAdapter::render(
+    AudioUnitRenderActionFlags* actionFlags, const AudioTimeStamp* timestamp,
+    AUAudioFrameCount frameCount, NSInteger outputBusNumber, AudioBufferList* outputData,
+    const AURenderEvent* realtimeEventListHead, AURenderPullInputBlock pullInputBlock) {
+    return renderPath(actionFlags, timestamp, frameCount, outputBusNumber, outputData,
+                      realtimeEventListHead, pullInputBlock, false, &midiOutputEventBlock);
+}

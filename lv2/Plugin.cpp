@@ -250,8 +250,9 @@ void Plugin::activate() {
 bool Plugin::portsUnchanged() const {
     simd::i32x4 differs{};
     simd::i32x4 nowBits, before;
-    std::size_t i = 0;
     if (controlArray) {
+        std::size_t i = 0;
+#pragma GCC unroll 8
         for (; i + 4 <= kParameterCount; i += 4) {
             std::memcpy(&nowBits, controlArray + i, sizeof nowBits);
             std::memcpy(&before, &portBits[i], sizeof before);
@@ -259,7 +260,7 @@ bool Plugin::portsUnchanged() const {
         }
         for (; i < kParameterCount; ++i) differs[0] |= bitsOf(controlArray[i]) ^ portBits[i];
     } else {
-        for (; i < kControlSlots; i += 4) {
+        for (std::size_t i = 0; i < kControlSlots; i += 4) {
             const simd::f32x4 now{*controls[i], *controls[i + 1], *controls[i + 2],
                                   *controls[i + 3]};
             std::memcpy(&nowBits, &now, sizeof now);
@@ -267,7 +268,8 @@ bool Plugin::portsUnchanged() const {
             differs |= nowBits ^ before;
         }
     }
-    return (differs[0] | differs[1] | differs[2] | differs[3]) == 0;
+    // Every lane zero, told by one comparison and one mask.
+    return simd::all(differs == 0);
 }
 
 void Plugin::readPorts() {
@@ -297,13 +299,14 @@ void Plugin::readPorts() {
     adoptPorts = false;
 }
 
-const LV2_Atom_Sequence* Plugin::inputSequence() const {
-    return midiIn && map && midiIn->atom.type == uris.atomSequence ? midiIn : nullptr;
+const LV2_Atom_Sequence* Plugin::inputEvents() const {
+    return midiIn && map && midiIn->atom.type == uris.atomSequence &&
+                   midiIn->atom.size > sizeof(LV2_Atom_Sequence_Body)
+               ? midiIn
+               : nullptr;
 }
 
-void Plugin::readRequests() {
-    const LV2_Atom_Sequence* input = inputSequence();
-    if (!input) return;
+void Plugin::readRequests(const LV2_Atom_Sequence* input) {
     LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
         if (ev->body.type != uris.atomObject || ev->body.size < sizeof(LV2_Atom_Object_Body))
             continue;
@@ -330,7 +333,6 @@ void Plugin::readRequests() {
 }
 
 void Plugin::reportEffectiveValues() {
-    // Nothing to tell while no value changed since all was told and nobody asked.
     const std::uint64_t changes = tree->valueChangeCount();
     if (changes == reportedChanges && !reportOwed) return;
     reportOwed = true; // until every value found room
@@ -436,17 +438,19 @@ void Plugin::run(std::uint32_t frames) {
     mainQueue.drain();
     midiWriter.begin(map ? midiOut : nullptr);
     notifyWriter.begin(map ? notify : nullptr);
-    readRequests();
+    // Most calls bring no events: the sequence is then not walked at all.
+    const LV2_Atom_Sequence* input = inputEvents();
+    if (input) readRequests(input);
 
     const bool audio = audioIn[0] && audioIn[1] && audioOut[0] && audioOut[1];
     portChangeCount = 0;
     // Without audio there is no call for port changes to ride on: they wait for the next run.
     if (frames > 0 && audio) readPorts();
-    reportEffectiveValues();
+    // Nothing to tell while no value changed since all was told and nobody asked.
+    if (reportOwed || tree->valueChangeCount() != reportedChanges) reportEffectiveValues();
 
     if (frames > 0 && audio) {
-        auto forEachMidi = [this](auto&& visit) {
-            const LV2_Atom_Sequence* input = inputSequence();
+        auto forEachMidi = [this, input](auto&& visit) {
             if (!input) return;
             LV2_ATOM_SEQUENCE_FOREACH(input, ev) {
                 if (ev->body.type == uris.midiEvent)
@@ -460,8 +464,8 @@ void Plugin::run(std::uint32_t frames) {
         audioWarned = true;
         log("WARNING: run() without all four audio ports connected renders nothing");
     }
-    sendInputSamples();
-    reportDrops();
+    if (inputTap.isOpen()) sendInputSamples();
+    if (midiDropped + cycle.midiDropped() != midiDroppedReported) reportDrops();
     midiWriter.end();
     notifyWriter.end();
 }

@@ -79,11 +79,17 @@ private:
     void readPorts();
     // Whether every port's value as last read is still there (the usual case).
     bool portsUnchanged() const;
-    // The MIDI input when it holds a sequence this plug-in can read; null otherwise.
-    const LV2_Atom_Sequence* inputSequence() const;
-    void readRequests();
+    // The MIDI input when it holds a sequence this plug-in can read with at least one event;
+    // null otherwise.
+    const LV2_Atom_Sequence* inputEvents() const;
+    // An editor's patch:Get, uiOn and uiOff among the input's events.
+    void readRequests(const LV2_Atom_Sequence* input);
+    // Every effective value that changed, or was asked for, as a patch:Set on the notify port;
+    // run() calls it only when the tree's change count moved or a report is owed.
     void reportEffectiveValues();
     OSStatus sendMIDI(AUEventSampleTime time, NSInteger length, const std::uint8_t* bytes);
+    // A log line about dropped MIDI events, at most once a second; run() calls it only when
+    // the count moved.
     void reportDrops();
     // An editor's uiOn: the tap copies the input, and keeps doing so for a while.
     void openInputTap();

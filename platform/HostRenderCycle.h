@@ -2,7 +2,7 @@
 // render block: the host's stereo buffers are cut into render calls of at most the unit's
 // maximumFramesToRender; each call's event list holds the host's parameter changes (at the
 // cycle's first frame) and the MIDI messages that fall inside the call, at their frames.
-// Everything is sized beforehand (the event list here, the scratch buffers by prepare()): a
+// Everything is sized beforehand (the event list here, the scratch buffer by prepare()): a
 // cycle allocates nothing, takes no lock and makes no system call.
 // Threading: prepare() while no cycle runs; render() and outputFrame() on the render thread.
 #pragma once
@@ -38,7 +38,7 @@ public:
     void prepare(AURenderBlock renderBlock, AUAudioFrameCount maxCallFrames) {
         block = std::move(renderBlock);
         maxCall = maxCallFrames;
-        for (auto& channel : scratch) channel.assign(maxCall, 0.0f);
+        scratch.assign(maxCall, 0.0f);
     }
     AUAudioFrameCount callFrames() const { return maxCall; }
     // Where each cycle's input is copied for an editor's spectrum (it copies only while an
@@ -110,13 +110,15 @@ private:
         callOffset = offset;
         const std::uint32_t bytes = frames * std::uint32_t(sizeof(float));
         // The kernel works in its output buffers, left and right together; when a host hands
-        // both outputs the same memory, the call renders into scratch memory, copied out last.
+        // both outputs overlapping memory, the left channel renders into scratch memory. The
+        // memory then holds what copying out left, then right, would leave: the right channel
+        // where it lies, the left one only in what the right one does not cover.
         float* host[kChannels] = {output[0] + offset, output[1] + offset};
         const bool outputsOverlap = host[0] < host[1] + frames && host[1] < host[0] + frames;
         AudioBufferList& list = callOutput;
         list.mNumberBuffers = kChannels;
-        for (std::uint32_t c = 0; c < kChannels; ++c)
-            list.mBuffers[c] = {1, bytes, outputsOverlap ? scratch[c].data() : host[c]};
+        list.mBuffers[0] = {1, bytes, outputsOverlap ? scratch.data() : host[0]};
+        list.mBuffers[1] = {1, bytes, host[1]};
         // The input is copied into the unit's own storage before anything is written, so the
         // host may hand the same memory for input and output.
         auto pullInput = [input, offset, frames](AudioUnitRenderActionFlags*, const AudioTimeStamp*,
@@ -138,9 +140,15 @@ private:
         AudioUnitRenderActionFlags flags = 0;
         const AUAudioUnitStatus status =
             block(&flags, &timestamp, frames, 0, &list, events->head(), pullInput);
-        if (outputsOverlap && status == noErr)
-            for (std::uint32_t c = 0; c < kChannels; ++c)
-                std::copy_n(scratch[c].data(), frames, host[c]);
+        if (outputsOverlap && status == noErr) {
+            // Left's frames below the right channel's memory, or above it.
+            const std::ptrdiff_t shift = host[1] - host[0];
+            if (shift > 0)
+                std::copy_n(scratch.data(), shift, host[0]);
+            else if (shift < 0)
+                std::copy(scratch.data() + (frames + shift), scratch.data() + frames,
+                          host[0] + (frames + shift));
+        }
         return status;
     }
 
@@ -148,7 +156,8 @@ private:
     InputTap* tap = nullptr;
     AUAudioFrameCount maxCall = 0;
     std::unique_ptr<RenderEventList<>> events;
-    std::array<std::vector<float>, kChannels> scratch;
+    // The left channel of a call whose outputs overlap.
+    std::vector<float> scratch;
     // The output list handed to the render block, kept so that a call fills in only its
     // channels' buffers.
     AudioBufferList callOutput;

@@ -8,7 +8,7 @@ bool DrainedMainQueue::async(const MainQueueTask& task) {
     return false;
 }
 
-std::size_t DrainedMainQueue::drain() {
+std::size_t DrainedMainQueue::drainQueued() {
     std::size_t ran = 0;
     // Copied out before it runs, so the slot is free again if the task queues another.
     MainQueueTask task;

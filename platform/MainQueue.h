@@ -65,12 +65,18 @@ public:
     // Runs the queued tasks in order, at most kCapacity of them so that a task which queues
     // another cannot keep the caller here; returns how many ran. Refused tasks since the last
     // drain are reported through the print queue.
-    std::size_t drain();
+    // Inline, as an owner that drains at the start of every render call mostly finds nothing.
+    std::size_t drain() {
+        if (!tasks.ready() && refused.load(std::memory_order_relaxed) == refusedReported) return 0;
+        return drainQueued();
+    }
     // Drops what is queued without running it (before the objects the tasks refer to go away).
     void discard();
     std::uint64_t refusedTasks() const { return refused.load(std::memory_order_relaxed); }
 
 private:
+    std::size_t drainQueued();
+
     LogChannel& log;
     BoundedMPSCQueue<MainQueueTask, kCapacity> tasks;
     std::atomic<std::uint64_t> refused{0};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 #include "util/Simd.h"
 
@@ -41,6 +42,67 @@ bool scaleBelowCeiling(float* const* channels, std::uint32_t count, std::uint32_
         for (std::uint32_t h = 0; h < 2; ++h)
             simd::store(channels[c] + begin + 4 * h, scaled[c][h]);
     return true;
+}
+
+// The pass-through path of processStereo: whole groups from the start of the call, each
+// channel times the gain, for as long as every product stays within the ceiling (NaN compares
+// false). Returns the first frame not done (a multiple of kGroup). The channels' pointers stay
+// in registers throughout.
+std::uint32_t scaleIdleGroups(float* left, float* right, std::uint32_t frames, float gain) {
+    const simd::f32x4 g = simd::splat(gain);
+    const simd::f32x4 ceiling = simd::splat(1.0f);
+    std::uint32_t begin = 0;
+    for (; begin + kGroup <= frames; begin += kGroup) {
+        const simd::f32x4 l0 = simd::load(left + begin) * g;
+        const simd::f32x4 l1 = simd::load(left + begin + 4) * g;
+        const simd::f32x4 r0 = simd::load(right + begin) * g;
+        const simd::f32x4 r1 = simd::load(right + begin + 4) * g;
+        const simd::i32x4 good = (simd::abs(l0) <= ceiling) & (simd::abs(l1) <= ceiling) &
+                                 (simd::abs(r0) <= ceiling) & (simd::abs(r1) <= ceiling);
+        if (!simd::all(good)) break;
+        simd::store(left + begin, l0);
+        simd::store(left + begin + 4, l1);
+        simd::store(right + begin, r0);
+        simd::store(right + begin + 4, r1);
+    }
+    return begin;
+}
+
+// The same with a group of a channel in one eight-lane vector, where the processor has AVX2:
+// the same product and comparison in every lane, so the same bits.
+[[gnu::target("avx2")]] std::uint32_t scaleIdleGroupsWide(float* left, float* right,
+                                                          std::uint32_t frames, float gain) {
+    using f32x8 = simd::Vec<8>::f32;
+    using i32x8 = simd::Vec<8>::i32;
+    static_assert(kGroup == 8);
+    const f32x8 g = {gain, gain, gain, gain, gain, gain, gain, gain};
+    const i32x8 magnitude = {0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF,
+                             0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF, 0x7FFFFFFF};
+    const f32x8 ceiling = {1.0f, 1.0f, 1.0f, 1.0f, 1.0f, 1.0f, 1.0f, 1.0f};
+    std::uint32_t begin = 0;
+    for (; begin + kGroup <= frames; begin += kGroup) {
+        f32x8 l, r;
+        std::memcpy(&l, left + begin, sizeof l);
+        std::memcpy(&r, right + begin, sizeof r);
+        l *= g;
+        r *= g;
+        // |l| and |r|: the sign bits cleared, as fabs does.
+        i32x8 lBits, rBits;
+        std::memcpy(&lBits, &l, sizeof l);
+        std::memcpy(&rBits, &r, sizeof r);
+        lBits &= magnitude;
+        rBits &= magnitude;
+        f32x8 lAbs, rAbs;
+        std::memcpy(&lAbs, &lBits, sizeof lAbs);
+        std::memcpy(&rAbs, &rBits, sizeof rAbs);
+        const i32x8 good = (lAbs <= ceiling) & (rAbs <= ceiling);
+        f32x8 goodBits;
+        std::memcpy(&goodBits, &good, sizeof good);
+        if (__builtin_ia32_movmskps256(goodBits) != 0xFF) break;
+        std::memcpy(left + begin, &l, sizeof l);
+        std::memcpy(right + begin, &r, sizeof r);
+    }
+    return begin;
 }
 
 } // namespace
@@ -118,13 +180,39 @@ void PeakLimiter::limitFrame(float* const* channels, std::uint32_t count, std::u
 
 void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
                           std::uint32_t frames) {
-    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
     float* used[kMaxChannels];
     std::uint32_t count = 0;
     if (channels != nullptr) {
         for (std::uint32_t c = 0; c < std::min(channelCount, kMaxChannels); ++c)
             if (channels[c] != nullptr) used[count++] = channels[c];
     }
+    if (count == 2)
+        processChannels<2>(used, count, frames);
+    else
+        processChannels<0>(used, count, frames);
+}
+
+void PeakLimiter::processStereo(float* left, float* right, std::uint32_t frames) {
+    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
+    // The idle groups as in processChannels (the usual call ends with them); the rest from
+    // the first group that needs more.
+    std::uint32_t begin = 0;
+    if (idle() && frames >= kGroup) {
+        begin = simd::wideVectors() ? scaleIdleGroupsWide(left, right, frames, preGainFactor)
+                                    : scaleIdleGroups(left, right, frames, preGainFactor);
+        if (begin > 0) lastApplied = 1.0;
+    }
+    if (begin == frames) {
+        lastGain.store(float(lastApplied), std::memory_order_relaxed);
+        return;
+    }
+    float* const rest[2] = {left + begin, right + begin};
+    processChannels<2>(rest, 2, frames - begin);
+}
+
+template <std::uint32_t Channels>
+void PeakLimiter::processChannels(float* const* used, std::uint32_t count, std::uint32_t frames) {
+    if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
     if (count == 0 || frames == 0) return;
 
     const simd::f32x4 g = simd::splat(preGainFactor);
@@ -133,9 +221,7 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
             // Whole groups while nothing reaches the ceiling; the per-frame path gives the same
             // bits for such frames, this is only faster.
             const std::uint32_t from = begin;
-            while (begin + kGroup <= frames &&
-                   (count == 2 ? scaleBelowCeiling<2>(used, count, begin, g)
-                               : scaleBelowCeiling<0>(used, count, begin, g)))
+            while (begin + kGroup <= frames && scaleBelowCeiling<Channels>(used, count, begin, g))
                 begin += kGroup;
             if (begin > from) lastApplied = 1.0;
             if (begin == frames) break;

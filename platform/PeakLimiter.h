@@ -53,6 +53,9 @@ public:
     // beyond kMaxChannels and null channel pointers are left alone and take no part in the
     // detection. A non-finite sample becomes 0 and counts as silence.
     void process(float* const* channels, std::uint32_t channelCount, std::uint32_t frames);
+    // The same for two channels, both non-null (the plug-in's output): no channel list to
+    // gather, the stereo group test known at compile time.
+    void processStereo(float* left, float* right, std::uint32_t frames);
 
     // The gain the last processed frame got on top of the pre-gain; 1 when idle. Safe to read
     // from any thread.
@@ -63,6 +66,10 @@ private:
     void applySettings();
     bool idle() const { return heldDeficit == 0.0 && smoothDeficit == 0.0; }
     void limitFrame(float* const* channels, std::uint32_t count, std::uint32_t frame);
+    // process() once the non-null channels are gathered; Channels is their count when known
+    // at compile time, 0 otherwise.
+    template <std::uint32_t Channels>
+    void processChannels(float* const* used, std::uint32_t count, std::uint32_t frames);
 
     static_assert(std::atomic<double>::is_always_lock_free);
 

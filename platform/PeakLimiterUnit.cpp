@@ -47,16 +47,34 @@ AURenderBlock PeakLimiterUnit::internalRenderBlock() {
             const AUAudioUnitStatus status =
                 pullInputBlock(actionFlags, timestamp, frameCount, 0, outputData);
             if (status != noErr) return status;
-
-            float* channels[AudioBufferList::kMaxBuffers] = {};
-            const std::uint32_t count = outputData->mNumberBuffers;
-            for (std::uint32_t c = 0; c < count; ++c) {
-                AudioBuffer& buffer = outputData->mBuffers[c];
-                if (!buffer.mData || buffer.mDataByteSize < frameCount * sizeof(float))
-                    return kAudioUnitErr_InvalidParameter;
-                channels[c] = static_cast<float*>(buffer.mData);
-            }
-            limiter.process(channels, count, frameCount);
-            return noErr;
+            return renderInPlace(frameCount, outputData);
         };
+}
+
+AUAudioUnitStatus PeakLimiterUnit::renderInPlace(AUAudioFrameCount frameCount,
+                                                 AudioBufferList* outputData) {
+    if (!renderResourcesAllocated()) return kAudioUnitErr_Uninitialized;
+    if (frameCount > maximumFramesToRender()) return kAudioUnitErr_TooManyFramesToProcess;
+    if (!outputData || outputData->mNumberBuffers > AudioBufferList::kMaxBuffers)
+        return kAudioUnitErr_InvalidParameter;
+    const std::uint32_t count = outputData->mNumberBuffers;
+    const std::size_t bytes = frameCount * sizeof(float);
+    const auto holds = [bytes](const AudioBuffer& buffer) {
+        return buffer.mData && buffer.mDataByteSize >= bytes;
+    };
+    if (count == 2) {
+        // Stereo, the plug-in's own case, without gathering the channels first.
+        if (!holds(outputData->mBuffers[0]) || !holds(outputData->mBuffers[1]))
+            return kAudioUnitErr_InvalidParameter;
+        limiter.processStereo(static_cast<float*>(outputData->mBuffers[0].mData),
+                              static_cast<float*>(outputData->mBuffers[1].mData), frameCount);
+        return noErr;
+    }
+    float* channels[AudioBufferList::kMaxBuffers];
+    for (std::uint32_t c = 0; c < count; ++c) {
+        if (!holds(outputData->mBuffers[c])) return kAudioUnitErr_InvalidParameter;
+        channels[c] = static_cast<float*>(outputData->mBuffers[c].mData);
+    }
+    limiter.process(channels, count, frameCount);
+    return noErr;
 }

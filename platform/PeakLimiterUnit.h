@@ -29,6 +29,9 @@ public:
 
     // Pulls the input into the output buffers (in place) and limits them there.
     AURenderBlock internalRenderBlock() override;
+    // What that block does once its input is in outputData (an owner that rendered there
+    // itself calls this directly): the same checks, the same status codes.
+    AUAudioUnitStatus renderInPlace(AUAudioFrameCount frameCount, AudioBufferList* outputData);
 
     // Gain applied to the last frame rendered, 1.0 when idle.
     float currentGain() const { return limiter.currentGain(); }

@@ -8,6 +8,7 @@
 
 #include "TestSignals.h"
 #include "platform/PeakLimiter.h"
+#include "util/Simd.h"
 
 namespace {
 
@@ -37,6 +38,16 @@ Stereo run(PeakLimiter& limiter, Stereo in, std::vector<std::size_t> sizes) {
         const std::size_t n = std::min(sizes[k % sizes.size()], in.size() - at);
         float* const channels[] = {in.left.data() + at, in.right.data() + at};
         limiter.process(channels, 2, std::uint32_t(n));
+        at += n;
+    }
+    return in;
+}
+
+// The same through the two-channel entry the plug-in uses.
+Stereo runStereo(PeakLimiter& limiter, Stereo in, std::vector<std::size_t> sizes) {
+    for (std::size_t at = 0, k = 0; at < in.size(); ++k) {
+        const std::size_t n = std::min(sizes[k % sizes.size()], in.size() - at);
+        limiter.processStereo(in.left.data() + at, in.right.data() + at, std::uint32_t(n));
         at += n;
     }
     return in;
@@ -235,6 +246,21 @@ TEST(PeakLimiter, BlockSizeAndResetDoNotChangeTheOutput) {
     const auto out = run(used, in, {1, 7, 64, 333, 31, 4096, 2});
     EXPECT_TRUE(sr::test::bitIdentical(reference.left, out.left) &&
                 sr::test::bitIdentical(reference.right, out.right));
+
+    // The two-channel entry, in blocks that start idle groups, peaks and recoveries at every
+    // offset within a group (an empty call changes nothing), with its eight-lane pass-through
+    // where the processor has one and with the four-lane one.
+    for (bool wide : {true, false}) {
+        sr::simd::allowWideVectors(wide);
+        PeakLimiter stereo;
+        stereo.setPreGain(6.0);
+        const auto viaStereo = runStereo(stereo, in, {16, 8, 3, 0, 64, 13, 512, 1, 4096});
+        EXPECT_TRUE(sr::test::bitIdentical(reference.left, viaStereo.left) &&
+                    sr::test::bitIdentical(reference.right, viaStereo.right))
+            << "wide " << wide;
+        EXPECT_EQ(stereo.currentGain(), whole.currentGain());
+    }
+    sr::simd::allowWideVectors(true);
 }
 
 } // namespace

@@ -41,6 +41,12 @@ public:
         return true;
     }
 
+    // Consumer only: whether pop() finds an element, told without taking it.
+    bool ready() const {
+        return cells[dequeuePos % Capacity].sequence.load(std::memory_order_acquire) ==
+               dequeuePos + 1;
+    }
+
     // Consumer only: consume(const T&) reads the oldest element. False when empty.
     template <typename Consume>
     bool pop(Consume&& consume) {

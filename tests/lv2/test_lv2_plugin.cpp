@@ -225,6 +225,51 @@ TEST(Lv2Plugin, InPlaceAliasedAndEmptyRunsKeepToTheBuffers) {
             << "block at " << at;
         ASSERT_TRUE(std::all_of(out.begin() + 256, out.end(), [](float v) { return v != v; }));
     }
+
+    // Each output on the other channel's input, whole or shifted by a third of a block: the
+    // input is read before any output is written.
+    for (const long skew : {0L, 85L}) {
+        Instance crossed;
+        for (std::size_t at = 0; at < in.size(); at += 256) {
+            std::vector<float> memory(1024, std::nanf(""));
+            float* const inLeft = memory.data();
+            float* const inRight = memory.data() + 512;
+            std::copy_n(in.left.begin() + long(at), 256, inLeft);
+            std::copy_n(in.right.begin() + long(at), 256, inRight);
+            test::Stereo scratch(in.size());
+            crossed.run(in, scratch, at, 0);
+            lilv_instance_connect_port(crossed.raw, kInL, inLeft);
+            lilv_instance_connect_port(crossed.raw, kInR, inRight);
+            lilv_instance_connect_port(crossed.raw, kOutL, inRight - skew);
+            lilv_instance_connect_port(crossed.raw, kOutR, inLeft + skew);
+            lilv_instance_run(crossed.raw, 256);
+            ASSERT_TRUE(
+                std::equal(inRight - skew, inRight - skew + 256,
+                           expected.left.begin() + long(at)) &&
+                std::equal(inLeft + skew, inLeft + skew + 256, expected.right.begin() + long(at)))
+                << "skew " << skew << ", block at " << at;
+        }
+    }
+
+    // Outputs that overlap in part, the right one 3 floats above the left or 5 below it: the
+    // memory holds what writing the left channel, then the right one, would leave.
+    for (const auto& [leftAt, rightAt] : {std::pair{0, 3}, std::pair{5, 0}}) {
+        Instance partial;
+        for (std::size_t at = 0; at < in.size(); at += 256) {
+            test::Stereo scratch(in.size());
+            partial.run(in, scratch, at, 0);
+            std::vector<float> shared(256 + 16, std::nanf(""));
+            lilv_instance_connect_port(partial.raw, kOutL, shared.data() + leftAt);
+            lilv_instance_connect_port(partial.raw, kOutR, shared.data() + rightAt);
+            lilv_instance_run(partial.raw, 256);
+            std::vector<float> want(256 + 16, std::nanf(""));
+            std::copy_n(expected.left.begin() + long(at), 256, want.begin() + leftAt);
+            std::copy_n(expected.right.begin() + long(at), 256, want.begin() + rightAt);
+            ASSERT_TRUE(std::equal(want.begin(), want.end(), shared.begin(),
+                                   [](float a, float b) { return a == b || (a != a && b != b); }))
+                << "left at " << leftAt << ", right at " << rightAt << ", block at " << at;
+        }
+    }
 }
 
 TEST(Lv2Plugin, BoundControllerActsOneRunLaterUntilThePortMoves) {
