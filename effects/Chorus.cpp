@@ -96,6 +96,7 @@ Chorus::Block Chorus::beginBlock() {
 void Chorus::endBlock(const Block& block) {
     writeLeft = block.write[0];
     writeRight = block.write[1];
+    lfo.foresee();
 }
 
 namespace {

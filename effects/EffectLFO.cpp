@@ -101,25 +101,27 @@ void EffectLFO::process(float* left, float* right) {
     if (shape == 1) {
         shapes[0] = getLFOShape(xLeft);
         shapes[1] = getLFOShape(xRight);
+    } else if (phaseLeft == nextPhase[0] && phaseRight == nextPhase[1]) {
+        // Foreseen at the end of the block before: the block does not start by waiting for
+        // the cosines.
+        shapes[0] = nextShape[0];
+        shapes[1] = nextShape[1];
     } else {
-        // Worked out during the block before, when this block's phases were foreseen right:
-        // the render then does not wait for the cosines at the start of every block.
-        if (phaseLeft == nextPhase[0] && phaseRight == nextPhase[1]) {
-            shapes[0] = nextShape[0];
-            shapes[1] = nextShape[1];
-        } else {
-            sines(xLeft, xRight, shapes);
-        }
-        // The next block's phases if it is as long as this one and the settings stay, by the
-        // steps advance() will take.
-        for (int c = 0; c < 2; ++c) {
-            nextPhase[c] = (c == 0 ? phaseLeft : phaseRight) + phaseStep;
-            if (nextPhase[c] > 1.0) nextPhase[c] -= 1.0;
-        }
-        sines(float(nextPhase[0]), float(nextPhase[1]), nextShape);
+        sines(xLeft, xRight, shapes);
     }
     *left = scaled(shapes[0], xLeft, ampLeftStart, ampLeftEnd);
     *right = scaled(shapes[1], xRight, ampRightStart, ampRightEnd);
+}
+
+void EffectLFO::foresee() {
+    if (shape == 1) return;
+    // The phases advance() will reach if the next block is as long as the last one and the
+    // settings stay; if it is not, process() works the sines out itself.
+    for (int c = 0; c < 2; ++c) {
+        nextPhase[c] = (c == 0 ? phaseLeft : phaseRight) + phaseStep;
+        if (nextPhase[c] > 1.0) nextPhase[c] -= 1.0;
+    }
+    sines(float(nextPhase[0]), float(nextPhase[1]), nextShape);
 }
 
 void EffectLFO::setParameterChar(int which, unsigned char value) {

@@ -14,6 +14,10 @@ public:
     float getLFOShape(float x) const;
     // Advances both phases by one block and writes the value each channel reaches.
     void process(float* left, float* right);
+    // Works out what the next process() will need if the next block is like the last. Called
+    // at the end of a block: the long chain of dependent operations then runs alongside the
+    // rest of the render call's work instead of holding up the start of the next block.
+    void foresee();
     // The values at the current phases, without advancing.
     void current(float* left, float* right) const;
 
