@@ -333,8 +333,9 @@ inline void TAV_SR_Chorus_Extension_DSPKernel::onePassLoop(Frames io, int n, Cho
         lanes.group(taps, 0);
         for (int first = 0; first < n; first += kGroup) {
             if (first + kGroup < n) lanes.group(taps, (first + kGroup) % kRing);
+            // A group does not wrap around the ring: its taps' index counts along with i.
             const int end = std::min(n - 1, first + kGroup);
-            for (int i = first; i < end; ++i) frame(i, i % kRing);
+            for (int i = first, k = first % kRing; i < end; ++i, ++k) frame(i, k);
         }
         lastFrame(n - 1, (n - 1) % kRing);
         Chorus::Block::TapLanes<kGroup>::finish(chorus, taps, (n - 1) % kRing, n);
