@@ -18,7 +18,16 @@ PrintQueue::PrintQueue() {
 
 PrintQueue::~PrintQueue() {
     stopping.store(true, std::memory_order_release);
+    nudge();
     if (worker.joinable()) worker.join();
+}
+
+void PrintQueue::nudge() {
+    {
+        std::lock_guard<std::mutex> lock(wakeMutex);
+        nudged = true;
+    }
+    wake.notify_one();
 }
 
 PrintQueue::ChannelId PrintQueue::open(LevelSink channelSink,
@@ -43,6 +52,7 @@ void PrintQueue::close(ChannelId id) {
     // A host log that never returns must not keep its instance from going: after a second the
     // rest is dropped.
     const auto deadline = std::chrono::steady_clock::now() + 1000ms;
+    nudge();
     for (;;) {
         {
             std::lock_guard<std::mutex> lock(sinkMutex);
@@ -129,7 +139,10 @@ void PrintQueue::run() {
         if (any) {
             pause = 2ms;
         } else {
-            std::this_thread::sleep_for(pause);
+            // Woken early by whoever waits for the lines (a closing channel, a flush, the end).
+            std::unique_lock<std::mutex> lock(wakeMutex);
+            wake.wait_for(lock, pause, [this] { return nudged; });
+            nudged = false;
             pause = std::min<std::chrono::milliseconds>(pause * 2, 64ms);
         }
     }
@@ -139,6 +152,7 @@ void PrintQueue::flush() {
     using namespace std::chrono_literals;
     const std::uint64_t target = pushed.load(std::memory_order_acquire);
     const std::uint64_t droppedTarget = dropped.load(std::memory_order_acquire);
+    nudge();
     while (written.load(std::memory_order_acquire) < target ||
            dropReported.load(std::memory_order_acquire) < droppedTarget)
         std::this_thread::sleep_for(1ms);

@@ -12,6 +12,7 @@
 #include <charconv>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -142,6 +143,12 @@ private:
     std::atomic<std::uint64_t> dropReported{0};
     std::atomic<bool> stopping{false};
     std::mutex sinkMutex;
+    // The writer's sleep between polls, cut short by nudge() (never from the render thread:
+    // producers only push).
+    void nudge();
+    std::mutex wakeMutex;
+    std::condition_variable wake;
+    bool nudged = false;
     Sink sink;
     std::vector<Channel> channels;
     ChannelId nextChannel = 1;
