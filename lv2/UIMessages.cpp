@@ -42,6 +42,16 @@ const LV2_Atom* UIMessages::objectOf(LV2_URID otype) {
     return &atom->atom;
 }
 
+const LV2_Atom_Object* UIMessages::objectIn(const void* data, std::uint32_t size,
+                                            LV2_URID otype) const {
+    if (!available() || !data || size < sizeof(LV2_Atom_Object)) return nullptr;
+    const auto* atom = static_cast<const LV2_Atom_Object*>(data);
+    if (atom->atom.type != object || sizeof(LV2_Atom) + atom->atom.size > size ||
+        atom->atom.size < sizeof(LV2_Atom_Object_Body) || atom->body.otype != otype)
+        return nullptr;
+    return atom;
+}
+
 const LV2_Atom* UIMessages::requestValues() {
     // [ a patch:Get ]: no property, so every value.
     return objectOf(patchGet);
@@ -49,11 +59,8 @@ const LV2_Atom* UIMessages::requestValues() {
 
 std::optional<UIMessages::InputSamples> UIMessages::inputSamples(const void* data,
                                                                  std::uint32_t size) const {
-    if (!available() || !data || size < sizeof(LV2_Atom_Object)) return std::nullopt;
-    const auto* atom = static_cast<const LV2_Atom_Object*>(data);
-    if (atom->atom.type != object || sizeof(LV2_Atom) + atom->atom.size > size ||
-        atom->atom.size < sizeof(LV2_Atom_Object_Body) || atom->body.otype != samplesMessage)
-        return std::nullopt;
+    const LV2_Atom_Object* atom = objectIn(data, size, samplesMessage);
+    if (!atom) return std::nullopt;
     const LV2_Atom* rate = nullptr;
     const LV2_Atom* samples = nullptr;
     lv2_atom_object_get(atom, sampleRateKey, &rate, samplesKey, &samples, 0);
@@ -72,11 +79,8 @@ std::optional<UIMessages::InputSamples> UIMessages::inputSamples(const void* dat
 
 std::optional<UIMessages::ParameterValue> UIMessages::parameterValue(const void* data,
                                                                      std::uint32_t size) const {
-    if (!available() || !data || size < sizeof(LV2_Atom_Object)) return std::nullopt;
-    const auto* atom = static_cast<const LV2_Atom_Object*>(data);
-    if (atom->atom.type != object || sizeof(LV2_Atom) + atom->atom.size > size ||
-        atom->atom.size < sizeof(LV2_Atom_Object_Body) || atom->body.otype != patchSet)
-        return std::nullopt;
+    const LV2_Atom_Object* atom = objectIn(data, size, patchSet);
+    if (!atom) return std::nullopt;
     const LV2_Atom* property = nullptr;
     const LV2_Atom* value = nullptr;
     lv2_atom_object_get(atom, patchProperty, &property, patchValue, &value, 0);

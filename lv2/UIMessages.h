@@ -49,6 +49,8 @@ public:
 private:
     // [ a otype ], in this object's buffer.
     const LV2_Atom* objectOf(LV2_URID otype);
+    // The object of type otype that `size` bytes at `data` hold whole, or null.
+    const LV2_Atom_Object* objectIn(const void* data, std::uint32_t size, LV2_URID otype) const;
 
     LV2_URID eventTransfer_ = 0;
     LV2_URID object = 0, atomURID = 0, atomFloat = 0, atomDouble = 0, atomInt = 0;

@@ -44,32 +44,10 @@ bool scaleBelowCeiling(float* const* channels, std::uint32_t count, std::uint32_
     return true;
 }
 
-// The pass-through path of processStereo: whole groups from the start of the call, each
-// channel times the gain, for as long as every product stays within the ceiling (NaN compares
-// false). Returns the first frame not done (a multiple of kGroup). The channels' pointers stay
-// in registers throughout.
-std::uint32_t scaleIdleGroups(float* left, float* right, std::uint32_t frames, float gain) {
-    const simd::f32x4 g = simd::splat(gain);
-    const simd::f32x4 ceiling = simd::splat(1.0f);
-    std::uint32_t begin = 0;
-    for (; begin + kGroup <= frames; begin += kGroup) {
-        const simd::f32x4 l0 = simd::load(left + begin) * g;
-        const simd::f32x4 l1 = simd::load(left + begin + 4) * g;
-        const simd::f32x4 r0 = simd::load(right + begin) * g;
-        const simd::f32x4 r1 = simd::load(right + begin + 4) * g;
-        const simd::i32x4 good = (simd::abs(l0) <= ceiling) & (simd::abs(l1) <= ceiling) &
-                                 (simd::abs(r0) <= ceiling) & (simd::abs(r1) <= ceiling);
-        if (!simd::all(good)) break;
-        simd::store(left + begin, l0);
-        simd::store(left + begin + 4, l1);
-        simd::store(right + begin, r0);
-        simd::store(right + begin + 4, r1);
-    }
-    return begin;
-}
-
-// The same with a group of a channel in one eight-lane vector, where the processor has AVX2:
-// the same product and comparison in every lane, so the same bits.
+// The pass-through path of processStereo where the processor has AVX2: whole groups from the
+// start of the call, a group of a channel in one eight-lane vector, for as long as every product
+// stays within the ceiling (NaN compares false); the same products and comparisons as
+// scaleBelowCeiling, so the same bits. Returns the first frame not done (a multiple of kGroup).
 [[gnu::target("avx2")]] std::uint32_t scaleIdleGroupsWide(float* left, float* right,
                                                           std::uint32_t frames, float gain) {
     using f32x8 = simd::Vec<8>::f32;
@@ -194,12 +172,11 @@ void PeakLimiter::process(float* const* channels, std::uint32_t channelCount,
 
 void PeakLimiter::processStereo(float* left, float* right, std::uint32_t frames) {
     if (settingsVersion.load(std::memory_order_acquire) != appliedVersion) applySettings();
-    // The idle groups as in processChannels (the usual call ends with them); the rest from
-    // the first group that needs more.
+    // With AVX2 the idle groups eight lanes wide (the usual call ends with them); the rest, and
+    // everything without AVX2, as processChannels does it.
     std::uint32_t begin = 0;
-    if (idle() && frames >= kGroup) {
-        begin = simd::wideVectors() ? scaleIdleGroupsWide(left, right, frames, preGainFactor)
-                                    : scaleIdleGroups(left, right, frames, preGainFactor);
+    if (idle() && frames >= kGroup && simd::wideVectors()) {
+        begin = scaleIdleGroupsWide(left, right, frames, preGainFactor);
         if (begin > 0) lastApplied = 1.0;
     }
     if (begin == frames) {

@@ -46,6 +46,14 @@ double sinNear0(double r) {
     return r + (r * z) * ((p0 + p1 * z2) + (p2 + p3 * z2) * z4);
 }
 
+// c, the cosine of x worked out here, rounded to float when everything within 2^-44 of it (the
+// C library's value included) rounds alike; otherwise the C library's cosine, rounded.
+inline float roundedIfSure(double c, double x) {
+    constexpr double kMargin = 0x1p-44;
+    if (float(c * (1.0 - kMargin)) == float(c * (1.0 + kMargin))) return float(c);
+    return float(std::cos(x));
+}
+
 } // namespace
 
 float cosRoundedToFloat(double x) {
@@ -73,9 +81,7 @@ float cosRoundedToFloat(double x) {
         c = sinNear0(r);
         break;
     }
-    constexpr double kMargin = 0x1p-44;
-    if (float(c * (1.0 - kMargin)) == float(c * (1.0 + kMargin))) return float(c);
-    return float(std::cos(x));
+    return roundedIfSure(c, x);
 }
 
 namespace {
@@ -94,10 +100,7 @@ using i64x4 = std::int64_t __attribute__((vector_size(32)));
         const std::int64_t q = quadrant[lane] & 3;
         double v = (q & 1) ? series[lane + 2] : series[lane];
         if (q == 1 || q == 2) v = -v;
-        constexpr double kMargin = 0x1p-44;
-        const double arg = lane == 0 ? a : b;
-        out[lane] = float(v * (1.0 - kMargin)) == float(v * (1.0 + kMargin)) ? float(v)
-                                                                             : float(std::cos(arg));
+        out[lane] = roundedIfSure(v, lane == 0 ? a : b);
     }
 }
 
@@ -133,9 +136,10 @@ void cosPairBaseline(double a, double b, float out[2]) {
 }
 
 #if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+// Asked together with simd::wideVectors(), which stands for AVX2.
 const bool kFusedMultiplyAdd = [] {
     __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
+    return __builtin_cpu_supports("fma");
 }();
 
 // The same four lanes in one AVX2 register, each step a fused multiply-add: the value waits
